@@ -1,0 +1,2 @@
+// service: the router.
+#pragma once
