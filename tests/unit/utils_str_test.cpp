@@ -266,6 +266,7 @@ TEST(UtilsStrTest, all_splits_append_behind_what_is_there) {
 }
 
 constexpr unsigned short UNTOUCHED = 4711;
+constexpr int RADIX_BEYOND_THE_ALPHABET = 37; // the conversion refuses it with EINVAL
 
 struct ParseCase {
     const char* description;
@@ -331,7 +332,6 @@ TEST(UtilsStrTest, try_parse_value_reports_an_overflow_of_the_conversion_itself)
 }
 
 TEST(UtilsStrTest, try_parse_value_reports_any_other_error_of_the_conversion) {
-    constexpr int RADIX_BEYOND_THE_ALPHABET = 37; // the conversion refuses it with EINVAL
     unsigned short value = UNTOUCHED;
     EXPECT_EQ((str::try_parse_value<unsigned short, RADIX_BEYOND_THE_ALPHABET>("12", value)),
               try_parse_status::system_error);
