@@ -1,9 +1,10 @@
 // counter: numbers and settings that one thread writes and any thread reads.
 //
 // Threads    one writer at a time, named at the field; any number of readers.
-// Ordering   relaxed throughout: a reader wants some recent number and infers nothing else from it. On x86-64 every
-//            access is the plain move that a bare integer costs, while ThreadSanitizer sees no race. `fetch_add`
-//            would be a locked instruction and is not needed, since there is one writer.
+// Ordering   relaxed throughout: a reader wants some recent number and infers nothing else from it. On x86-64
+// every
+//            access is the plain move that a bare integer costs, while ThreadSanitizer sees no race.
+//            `fetch_add` would be a locked instruction and is not needed, since there is one writer.
 #pragma once
 
 #include <atomic>
@@ -16,7 +17,8 @@ template <class T>
 class Shared {
 public:
     constexpr Shared() noexcept = default;
-    constexpr Shared(T value) noexcept : m_value(value) {} // implicit: a setting is initialised like a plain field
+    constexpr Shared(T value) noexcept
+        : m_value(value) {} // implicit: a setting is initialised like a plain field
     Shared& operator=(T value) noexcept {
         m_value.store(value, std::memory_order_relaxed);
         return *this;

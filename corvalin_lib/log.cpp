@@ -38,8 +38,8 @@ const LevelRow& row(Level level) noexcept {
 
 constinit NeverDestroyed<LoggerImpl> logger;
 
-// A sink that is still open when the process exits is closed there. The record itself stays as it is: other threads
-// may go on logging until the process is gone, and syslog opens itself again for them.
+// A sink that is still open when the process exits is closed there. The record itself stays as it is: other
+// threads may go on logging until the process is gone, and syslog opens itself again for them.
 struct CloseAtExit {
     ~CloseAtExit() { logger.object.close(); }
 };
@@ -103,7 +103,9 @@ void LoggerImpl::close() const {
     }
 }
 
-void LoggerImpl::dummy_write(void* /*context*/, const char* /*file*/, int /*line*/, const Message& /*message*/) {}
+void LoggerImpl::dummy_write(void* /*context*/, const char* /*file*/, int /*line*/,
+                             const Message& /*message*/) {
+}
 
 void Stdlog::write(void* /*context*/, const char* file, int line, const Message& message) {
     if (!passes(message.level())) {

@@ -4,10 +4,13 @@
 //
 //     log::write(SOURCE, __LINE__, log::SystemMessage() << "SERVICE: exec path: " << m_exec_path);
 //
-// Threads    any thread may log at any time, also before main and while the process exits. The record is written by
+// Threads    any thread may log at any time, also before main and while the process exits. The record is
+// written by
 //            the main thread at start and stop only.
-// Cost       a message is a whole string stream: fine for start-up, sessions and failures. On the packet path a
-//            statement at DEBUG or TRACE looks at the threshold first and builds nothing that would be dropped.
+// Cost       a message is a whole string stream: fine for start-up, sessions and failures. On the packet path
+// a
+//            statement at DEBUG or TRACE looks at the threshold first and builds nothing that would be
+//            dropped.
 // Errors     none. A line that a sink cannot deliver is lost silently.
 #pragma once
 
@@ -135,8 +138,8 @@ struct LoggerImpl {
     Shared<Level> m_level = Level::INFO;
 };
 
-/// Holds the one record of the process. It is constant-initialised, so a statement is safe from the first instruction
-/// of the process on, and never destroyed, so it is safe in the last.
+/// Holds the one record of the process. It is constant-initialised, so a statement is safe from the first
+/// instruction of the process on, and never destroyed, so it is safe in the last.
 struct Logger {
     static LoggerImpl& m_instance;
 };

@@ -1,10 +1,12 @@
 // reference_countable: objects shared by an intrusive count, and the pointer that counts.
 //
-// Threads    the count may be changed by any thread at any time. The object itself is as safe as its own class says.
-// Ownership  an object starts with a count of 0 and belongs to nobody. The first rc_ptr that takes it makes the count
-//            1; the rc_ptr that brings it back to 0 destroys it by its deleting destructor. An object that no rc_ptr
-//            ever took is never freed.
-// Cost       each copy and each release is a locked instruction. A move costs none: pass by reference, or by value
+// Threads    the count may be changed by any thread at any time. The object itself is as safe as its own
+// class says. Ownership  an object starts with a count of 0 and belongs to nobody. The first rc_ptr that
+// takes it makes the count
+//            1; the rc_ptr that brings it back to 0 destroys it by its deleting destructor. An object that no
+//            rc_ptr ever took is never freed.
+// Cost       each copy and each release is a locked instruction. A move costs none: pass by reference, or by
+// value
 //            and move, where the object only changes hands.
 #pragma once
 
@@ -24,8 +26,8 @@ public:
     /// Adds one owner.
     void add_reference() noexcept { m_reference_count.fetch_add(1, std::memory_order_seq_cst); }
 
-    /// Takes one owner away. At 0 the object is destroyed. A count below 0 means that somebody released what he did
-    /// not own: the object is left alone, since it may still be in use, and the fault is logged.
+    /// Takes one owner away. At 0 the object is destroyed. A count below 0 means that somebody released what
+    /// he did not own: the object is left alone, since it may still be in use, and the fault is logged.
     void release_reference() noexcept {
         const int32_t left = m_reference_count.fetch_sub(1, std::memory_order_seq_cst) - 1;
         if (left == 0) {
@@ -48,7 +50,9 @@ template <class T>
 class rc_ptr {
 public:
     rc_ptr() noexcept = default;
-    rc_ptr(T* object) noexcept : m_object(object) { acquire(); } // implicit: a raw pointer is adopted where it is passed
+    rc_ptr(T* object) noexcept : m_object(object) {
+        acquire();
+    } // implicit: a raw pointer is adopted where it is passed
     rc_ptr(const rc_ptr& other) noexcept : m_object(other.m_object) { acquire(); }
     rc_ptr(rc_ptr&& other) noexcept : m_object(std::exchange(other.m_object, nullptr)) {}
     /// From a pointer to a derived class.
@@ -56,7 +60,8 @@ public:
     rc_ptr(rc_ptr<U> other) noexcept : m_object(other.detach()) {}
     virtual ~rc_ptr() { release(); }
 
-    /// Releases first and takes over second, so assigning an object's only owner to itself destroys the object.
+    /// Releases first and takes over second, so assigning an object's only owner to itself destroys the
+    /// object.
     rc_ptr& operator=(T* object) noexcept {
         release();
         m_object = object;
