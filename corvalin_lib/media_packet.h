@@ -1,13 +1,14 @@
 // media_packet: the wire format of media packets, one packet per UDP datagram.
 //
-// All integers are little-endian and are read and written in machine order, so the machine must be little-endian. The
-// records are views of the bytes of a datagram and never own them. `view_packet` is the one place where bytes turn
-// into a record.
+// All integers are little-endian and are read and written in machine order, so the machine must be
+// little-endian. The records are views of the bytes of a datagram and never own them. `view_packet` is the
+// one place where bytes turn into a record.
 #pragma once
 
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <ostream>
 #include <string>
 
 namespace corvalin::media {
@@ -30,8 +31,8 @@ constexpr std::size_t PACKET_MIN_BYTES = 48;
 /// A packet must fit into a packet buffer: 1376 bytes leave room for the headers of any tunnel below 1500.
 constexpr std::size_t PACKET_MAX_BYTES = 1376;
 
-// The three packet records derive from the header, which makes them no standard-layout types; the compilers of Linux lay
-// them out all the same as the assertions below demand, and offsetof is right for them.
+// The three packet records derive from the header, which makes them no standard-layout types; the compilers
+// of Linux lay them out all the same as the assertions below demand, and offsetof is right for them.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"
 
@@ -77,8 +78,8 @@ struct StartPacket : PacketHeader {
     uint16_t call_id_length;
 
     std::size_t wire_bytes() const noexcept { return sizeof(StartPacket) + call_id_length; }
-    /// The call id up to its first zero byte. It ends with the packet buffer at the latest, so the packet must lie at
-    /// the start of PACKET_MAX_BYTES readable bytes, zero behind the datagram.
+    /// The call id up to its first zero byte. It ends with the packet buffer at the latest, so the packet
+    /// must lie at the start of PACKET_MAX_BYTES readable bytes, zero behind the datagram.
     std::string call_id() const;
 };
 
@@ -109,8 +110,14 @@ static_assert(offsetof(DataPacket, m_off) == 52);
 constexpr std::size_t CALL_ID_MAX_BYTES = PACKET_MAX_BYTES - sizeof(StartPacket);
 static_assert(CALL_ID_MAX_BYTES == 1288);
 
-/// Views the bytes of a datagram as a packet record, in place. `bytes` must be aligned to 8 and hold sizeof(Packet)
-/// readable bytes; the record lives as long as the bytes do.
+/// Streams the 16 bytes of an identifier as log lines show it: `stream << UuidText{packet.uuid}`.
+struct UuidText {
+    const uint8_t* bytes; // borrowed
+};
+std::ostream& operator<<(std::ostream& stream, UuidText uuid);
+
+/// Views the bytes of a datagram as a packet record, in place. `bytes` must be aligned to 8 and hold
+/// sizeof(Packet) readable bytes; the record lives as long as the bytes do.
 template <class Packet>
 Packet& view_packet(uint8_t* bytes) noexcept {
     return *reinterpret_cast<Packet*>(bytes);
