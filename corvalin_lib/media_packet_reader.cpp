@@ -1,0 +1,143 @@
+#include "corvalin_lib/media_packet_reader.h"
+
+#include "corvalin_lib/log.h"
+
+#include <utility>
+
+namespace corvalin::media {
+
+namespace {
+
+constexpr const char* SOURCE = "media_packet_reader";
+
+} // namespace
+
+PacketReader::PacketReader(PacketReaderListener& listener, PacketReaderStatistic& statistic)
+    : QueueIdleReader(statistic), m_listener(&listener) {
+}
+
+void PacketReader::read_from(const void* data, unsigned long size) {
+    if (size < PACKET_MIN_BYTES) {
+        statistic().dropped_min_length.add(1);
+        return;
+    }
+    if (size > PACKET_MAX_BYTES) {
+        statistic().dropped_max_length.add(1);
+        return;
+    }
+    try {
+        rc_ptr<PacketBuffer> buffer(PacketBuffer::allocator.allocate());
+        buffer->append(data, size);
+        push(std::move(buffer));
+    } catch (const PacketBuffer::BadAlloc&) {
+        statistic().dropped_failed_allocation.add(1);
+    }
+}
+
+void PacketReader::run() {
+    log::write(SOURCE, __LINE__,
+               log::SystemMessage() << "PACKETS_READER: thread [" << current_thread_id() << "] started");
+    QueueIdleReader::run();
+}
+
+int PacketReader::stop() {
+    if (!is_running()) {
+        return 0;
+    }
+    const int error = QueueIdleReader::stop();
+    // The reader is gone by now: the id in these lines is that of the caller.
+    if (error == 0) {
+        log::write(SOURCE, __LINE__,
+                   log::SystemMessage() << "PACKETS_READER: thread [" << current_thread_id() << "] stopped");
+    } else {
+        log::write(SOURCE, __LINE__,
+                   log::WarningMessage() << "PACKETS_READER: thread [" << current_thread_id()
+                                         << "] stopped with error (" << error << ")");
+    }
+    return error;
+}
+
+bool PacketReader::on_queue_idle() {
+    return m_listener->on_packet_idle();
+}
+
+void PacketReader::on_queue_try() {
+    m_listener->on_packet_try();
+}
+
+void PacketReader::on_queue_read(rc_ptr<PacketBuffer> packet) {
+    if (!packet) {
+        return; // the wait has run out
+    }
+    const PacketHeader& header = view_packet<PacketHeader>(packet->data);
+    if (header.marker != PACKET_MARKER) {
+        statistic().rejected_bad_marker.add(1);
+        return;
+    }
+    if (header.version != PACKET_VERSION) {
+        statistic().rejected_version.add(1);
+        return;
+    }
+    switch (header.type) {
+    case PACKET_TYPE_DATA:
+        return notify_if_whole<DataPacket>(*packet);
+    case PACKET_TYPE_START:
+        return notify_if_whole<StartPacket>(*packet);
+    case PACKET_TYPE_TERMINATE:
+        return notify_if_whole<TerminatePacket>(*packet);
+    default:
+        statistic().rejected_unknown_type.add(1);
+    }
+}
+
+// A datagram that ended before the fields of its type has zeros there, from the pool, and fails the
+// comparison.
+template <class Packet>
+void PacketReader::notify_if_whole(PacketBuffer& buffer) {
+    Packet& packet = view_packet<Packet>(buffer.data);
+    if (packet.wire_bytes() != buffer.size) {
+        statistic().rejected_corrupted_size.add(1);
+        return;
+    }
+    notify(packet);
+}
+
+void PacketReader::notify(StartPacket& packet) {
+    statistic().start_packets.add(1);
+    const bool wants_writer = (packet.flags & PACKET_FLAG_WRITER) != 0;
+    const bool wants_media = (packet.flags & PACKET_FLAG_MEDIA) != 0;
+    log::SystemMessage line;
+    line << "START | mt: " << packet.mt << ", v: " << unsigned{packet.version}
+         << ", f: " << (wants_writer ? "w" : "-") << (wants_media ? "a" : "-")
+         << ", uuid: " << UuidText{packet.uuid} << ", ts: " << packet.ts << ", seq: " << packet.seq
+         << ", leg: " << (packet.side == 0 ? "inbound" : "outbound") << ", call id: " << packet.call_id()
+         << ", id: " << packet.id << ", sync ts: " << packet.sync_ts << ", sync mt: " << packet.sync_mt;
+    if (wants_media) {
+        line << ", rule: " << packet.rule;
+    }
+    log::Syslog::write(SOURCE, __LINE__, log::LocalLevel::local_level_packet, line);
+    m_listener->on_packet(packet);
+}
+
+void PacketReader::notify(TerminatePacket& packet) {
+    statistic().term_packets.add(1);
+    log::Syslog::write(SOURCE, __LINE__, log::LocalLevel::local_level_packet,
+                       log::SystemMessage() << "TERM  | mt: " << packet.mt << ", uuid: "
+                                            << UuidText{packet.uuid} << ", seq: " << packet.seq);
+    m_listener->on_packet(packet);
+}
+
+void PacketReader::notify(DataPacket& packet) {
+    statistic().data_packets.add(1);
+    if (log::passes(log::Level::TRACE)) [[unlikely]] {
+        log::Syslog::write(SOURCE, __LINE__, log::LocalLevel::local_level_media,
+                           log::TraceMessage()
+                               << "DATA  | mt: " << packet.mt << ", uuid: " << UuidText{packet.uuid}
+                               << ", seq: " << packet.seq << ", side: " << unsigned{packet.side}
+                               << ", m_flg: " << packet.m_flg << ", m_num: " << packet.m_num
+                               << ", m_off: " << packet.m_off);
+    }
+    m_listener->on_packet(packet);
+}
+
+} // namespace corvalin::media
