@@ -1,0 +1,223 @@
+#include "corvalin_lib/media_session_manager.h"
+
+#include "corvalin_lib/log.h"
+
+#include <chrono>
+#include <new>
+
+namespace corvalin::media {
+
+namespace {
+
+constexpr const char* SOURCE = "media_session_manager";
+
+// Session tracing has a facility of its own, and goes to syslog from the foreground too.
+void trace_session(int line, const log::Message& message) {
+    log::Syslog::write(SOURCE, line, log::LocalLevel::local_level_packet, message);
+}
+
+} // namespace
+
+int64_t steady_clock_us() {
+    using namespace std::chrono;
+    return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+SessionManager::SessionManager(SessionManagerStatistic* statistic, SteadyClock clock)
+    : StatisticContainer<SessionManagerStatistic>(statistic), m_clock(clock) {
+}
+
+SessionManager::~SessionManager() {
+    m_sessions.clear();
+    m_index.clear();
+}
+
+void SessionManager::on_packet(StartPacket& packet) {
+    if (m_index.find(packet.id) != nullptr) {
+        statistic().existing_index_errors.add(1);
+        log::write(SOURCE, __LINE__,
+                   log::WarningMessage()
+                       << "SESSION_MANAGER: Session " << UuidText{packet.uuid} << " already exists");
+        return;
+    }
+    unsigned long result = 1;
+    const rc_ptr<Session> session(create_session(packet, result));
+    if (!session && result == 0) {
+        statistic().allocation_errors.add(1);
+        log::write(SOURCE, __LINE__,
+                   log::ErrorMessage()
+                       << "SESSION_MANAGER: Session " << UuidText{packet.uuid} << " allocation failed");
+        return;
+    }
+    if (!session) {
+        setup_zombie(packet);
+        return;
+    }
+    enter(session);
+    on_session_created(session, packet);
+}
+
+void SessionManager::on_packet(DataPacket& packet) {
+    rc_ptr<Session>* const entry = m_index.find(packet.id);
+    if (entry == nullptr) {
+        statistic().unknown_index_errors.add(1);
+        trace_session(__LINE__, log::WarningMessage()
+                                    << "DATA  | mt: " << packet.mt << ", uuid: " << UuidText{packet.uuid}
+                                    << ", seq: " << packet.seq << ", side: " << unsigned{packet.side}
+                                    << " | unknown session");
+        setup_zombie(packet);
+        return;
+    }
+    if (!*entry) {
+        log::write(SOURCE, __LINE__,
+                   log::ErrorMessage() << "SESSION_MANAGER: Memory corruption may be happened: session "
+                                       << UuidText{packet.uuid} << " is null but must exist");
+        return;
+    }
+    Session& session = **entry;
+    if (!session.m_zombie) {
+        if (!follow_sequence(session, packet.seq)) {
+            return;
+        }
+        session.m_seq = packet.seq;
+    }
+    // The media time that has passed since the session began, projected onto the local clock. All unsigned: a
+    // media time far before the start wraps, and is stored as it is.
+    session.m_last_activity_us = static_cast<uint64_t>(session.m_created_us) - session.m_start_mt + packet.mt;
+    // To the back without an allocation: the node itself moves, and m_node stays right.
+    m_sessions.splice(m_sessions.end(), m_sessions, session.m_node);
+    if (session.m_zombie) {
+        return;
+    }
+    on_session_media(*entry, packet);
+}
+
+void SessionManager::on_packet(TerminatePacket& packet) {
+    rc_ptr<Session>* const entry = m_index.find(packet.id);
+    if (entry == nullptr) {
+        statistic().unknown_index_errors.add(1);
+        trace_session(__LINE__, log::WarningMessage()
+                                    << "TERM  | mt: " << packet.mt << ", uuid: " << UuidText{packet.uuid}
+                                    << ", seq: " << packet.seq << " | unknown session");
+        return;
+    }
+    if (!*entry) {
+        log::write(SOURCE, __LINE__,
+                   log::ErrorMessage() << "SESSION_MANAGER: Memory corruption might have happened: session "
+                                       << UuidText{packet.uuid} << " is null but must exist");
+        return;
+    }
+    const rc_ptr<Session> session = *entry;
+    remove(session);
+    store_session_number();
+    if (session->m_zombie) {
+        return;
+    }
+    // The session ends whatever the number says.
+    follow_sequence(*session, packet.seq);
+    on_session_terminated(session, packet);
+}
+
+void SessionManager::on_packet_try() {
+    if (m_index.size() > AUDIT_THRESHOLD) {
+        audit_and_count();
+    }
+}
+
+bool SessionManager::on_packet_idle() {
+    return audit_and_count();
+}
+
+Session* SessionManager::create_session(const StartPacket& packet, unsigned long& result) {
+    try {
+        return new Session(packet, now_us());
+    } catch (...) {
+        result = 0;
+        return nullptr;
+    }
+}
+
+void SessionManager::on_session_created(rc_ptr<Session> /*session*/, StartPacket& /*packet*/) {
+}
+void SessionManager::on_session_media(rc_ptr<Session> /*session*/, DataPacket& /*packet*/) {
+}
+void SessionManager::on_session_terminated(rc_ptr<Session> /*session*/, TerminatePacket& /*packet*/) {
+}
+void SessionManager::on_session_timedout(rc_ptr<Session> /*session*/) {
+}
+
+bool SessionManager::audit() {
+    const bool removed_any = remove_expired(static_cast<uint64_t>(now_us()));
+    store_session_number();
+    return removed_any;
+}
+
+// Looks no further than the first live session, since the list is in order of activity.
+bool SessionManager::remove_expired(uint64_t now) {
+    int removed = 0;
+    while (removed < AUDIT_BUDGET && !m_sessions.empty()) {
+        const rc_ptr<Session> session = m_sessions.front();
+        if (session->m_last_activity_us + SESSION_TIMEOUT_US > now) {
+            break;
+        }
+        remove(session);
+        if (!session->m_zombie) {
+            on_session_timedout(session);
+        }
+        trace_session(__LINE__, log::WarningMessage()
+                                    << "SESSION_MANAGER: Timeout for session " << UuidText{session->m_uuid}
+                                    << ": " << session->m_last_activity_us << " " << now);
+        ++removed;
+    }
+    return removed > 0;
+}
+
+bool SessionManager::audit_and_count() {
+    statistic().audit_calls.add(1);
+    const bool removed_any = audit();
+    if (removed_any) {
+        statistic().audit_executions.add(1);
+    }
+    return removed_any;
+}
+
+void SessionManager::setup_zombie(const PacketHeader& header) {
+    rc_ptr<Session> zombie;
+    try {
+        zombie = Session::make_zombie(header, now_us());
+    } catch (const std::bad_alloc&) {
+        statistic().allocation_errors.add(1);
+        log::write(SOURCE, __LINE__,
+                   log::ErrorMessage() << "SESSION_MANAGER: Zombie session " << UuidText{header.uuid}
+                                       << " allocation failed");
+        return;
+    }
+    statistic().zombie_number.add(1);
+    enter(zombie);
+}
+
+void SessionManager::enter(const rc_ptr<Session>& session) {
+    session->m_node = m_sessions.insert(m_sessions.end(), session);
+    m_index.insert(session->m_id, session);
+    store_session_number();
+}
+
+// The caller holds the session: it may lose its last owner in the table here.
+void SessionManager::remove(const rc_ptr<Session>& session) {
+    m_sessions.erase(session->m_node);
+    session->m_node = m_sessions.end();
+    m_index.erase(session->m_id);
+}
+
+// True if `seq` is ahead of all that the session has accepted. The numbers between them are lost; a late
+// packet that fills the gap after all counts once more, as a break.
+bool SessionManager::follow_sequence(const Session& session, uint64_t seq) {
+    if (seq <= session.m_seq) {
+        statistic().sequence_breaks.add(1);
+        return false;
+    }
+    statistic().lost_packets.add(seq - session.m_seq - 1);
+    return true;
+}
+
+} // namespace corvalin::media
