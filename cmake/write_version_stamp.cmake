@@ -9,9 +9,10 @@ set(epoch "$ENV{SOURCE_DATE_EPOCH}")
 
 find_program(GIT_EXECUTABLE git)
 if(GIT_EXECUTABLE AND EXISTS "${SOURCE_DIR}/.git")
-    execute_process(COMMAND ${GIT_EXECUTABLE} log -1 --format=%H;%ct WORKING_DIRECTORY "${SOURCE_DIR}"
+    execute_process(COMMAND ${GIT_EXECUTABLE} log -1 "--format=%H %ct" WORKING_DIRECTORY "${SOURCE_DIR}"
         OUTPUT_VARIABLE head RESULT_VARIABLE failed OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
     if(NOT failed)
+        string(REPLACE " " ";" head "${head}")
         list(GET head 0 commit)
         list(GET head 1 epoch)
         string(SUBSTRING "${commit}" 0 16 commit)
