@@ -41,10 +41,11 @@ bool parse_port(const char* text, uint16_t& port) {
     return str::try_parse_value<unsigned short, 10, void>(text, port).is_ok();
 }
 
-/// Reads a port as a stream does, which is the contract of `parse_hosts`.
+/// Reads a port as a stream does, which is the contract of `parse_hosts`. White space on both sides is no
+/// matter.
 uint16_t extract_port(const std::string& text) {
     uint16_t port = 0; // an empty text leaves it alone
-    std::istringstream stream(trim(text));
+    std::istringstream stream(text);
     stream >> port;
     return port;
 }
@@ -60,6 +61,7 @@ void parse_addrs_item(const std::string& item, std::list<HostAddr>& addrs) {
     if (range.empty()) { // "host::"
         return;
     }
+    // The upper port of a range goes into `first` as well, on purpose: ranges do not work in node lists.
     uint16_t first = 0;
     uint16_t last = 0;
     if (!parse_port(range[0].c_str(), first)) {
@@ -67,8 +69,7 @@ void parse_addrs_item(const std::string& item, std::list<HostAddr>& addrs) {
     }
     if (range.size() == 1) {
         last = first;
-    } else if (!parse_port(range[1].c_str(),
-                           first)) { // into `first`, on purpose: ranges do not work in node lists
+    } else if (!parse_port(range[1].c_str(), first)) {
         return;
     }
     for (uint32_t port = first; port <= last; ++port) { // wider than a port, which would wrap behind 65535

@@ -292,6 +292,10 @@ TEST(NetTest, parse_addr_stops_at_the_end_it_is_given) {
     EXPECT_EQ(dotted(addr), "10.0.0.1");
     EXPECT_EQ(ntohs(addr.sin_port), 0);
 
+    const std::string blanks = "   ";
+    ASSERT_TRUE(net::parse_addr(blanks.data(), blanks.data() + 2, addr));
+    EXPECT_EQ(dotted(addr), "127.0.0.1");
+
     ASSERT_TRUE(net::parse_addr(text.data(), text.data(), addr));
     EXPECT_EQ(dotted(addr), "127.0.0.1");
     EXPECT_EQ(ntohs(addr.sin_port), 0);
