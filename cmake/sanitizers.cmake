@@ -8,3 +8,8 @@ if(CORVALIN_COVERAGE)
     add_compile_options(--coverage -fprofile-update=atomic)
     add_link_options(--coverage)
 endif()
+if(CORVALIN_BUILD_FUZZ)
+    # The library's own branches steer the search. The targets alone link libFuzzer, which brings a main.
+    add_compile_options(-fsanitize=fuzzer-no-link)
+    add_link_options(-fsanitize=fuzzer-no-link)
+endif()
