@@ -12,7 +12,6 @@
 
 namespace corvalin::log {
 
-const std::string message_delimiter = " | ";
 const std::string default_directory = "/var/log/tolvaine/corvalin";
 
 namespace {
@@ -22,6 +21,11 @@ struct LevelRow {
     const char* spaces;
     int severity;
 };
+
+static_assert(static_cast<int>(LocalLevel::local_level_default) == LOG_USER);
+static_assert(static_cast<int>(LocalLevel::local_level_statistic) == LOG_LOCAL0);
+static_assert(static_cast<int>(LocalLevel::local_level_packet) == LOG_LOCAL1);
+static_assert(static_cast<int>(LocalLevel::local_level_media) == LOG_LOCAL7);
 
 constexpr std::array<LevelRow, 6> LEVELS = {{
     {"SYSTEM", " ", LOG_NOTICE},

@@ -18,7 +18,7 @@
 
 #include <sstream>
 #include <string>
-#include <utility>
+#include <string_view>
 
 namespace corvalin::log {
 
@@ -40,8 +40,9 @@ enum class LocalLevel : int {
     local_level_media = 184,     // LOG_LOCAL7: data packet tracing
 };
 
-/// Separates the fields of a line.
-extern const std::string message_delimiter;
+/// Separates the fields of a line. No string object: lines are also written while and after such objects are
+/// destroyed at exit.
+inline constexpr std::string_view message_delimiter = " | ";
 /// Directory of the daemon's log file.
 extern const std::string default_directory;
 
@@ -65,6 +66,12 @@ public:
     template <class T>
     Message& operator<<(const T& value) {
         m_stream << value;
+        return *this;
+    }
+
+    /// For std::endl and its like, whose type cannot be deduced above.
+    Message& operator<<(std::ostream& (*manipulator)(std::ostream&)) {
+        m_stream << manipulator;
         return *this;
     }
 

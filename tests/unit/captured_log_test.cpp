@@ -67,11 +67,13 @@ TEST(CapturedLogTest, restores_the_record_that_it_found) {
     logger.m_close = nullptr;
 }
 
+constexpr int THREADS = 4;
+constexpr int MESSAGES = 250;
+
 TEST(CapturedLogTest, takes_messages_of_several_threads_without_losing_one) {
-    constexpr int THREADS = 4;
-    constexpr int MESSAGES = 250;
     const CapturedLog captured;
     std::vector<std::thread> threads;
+    threads.reserve(THREADS);
     for (int thread = 0; thread < THREADS; ++thread) {
         threads.emplace_back([thread] {
             for (int number = 0; number < MESSAGES; ++number) {
