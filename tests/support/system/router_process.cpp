@@ -1,0 +1,381 @@
+#include "tests/support/system/router_process.h"
+
+#include "tools/tool_support/private_paths.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <system_error>
+#include <utility>
+
+namespace corvalin::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* TIME_SHAPE = "dddd.dd.dd dd:dd:dd.dddddd | ";
+
+// "2026.11.14 17:26:05.004217 | " in front.
+bool begins_with_time(const std::string& line) {
+    const std::string shape = TIME_SHAPE;
+    return line.size() >= shape.size() &&
+           std::equal(shape.begin(), shape.end(), line.begin(), [](char expected, char found) {
+               return expected == 'd' ? found >= '0' && found <= '9' : expected == found;
+           });
+}
+
+std::string without_time(const std::string& line) {
+    return begins_with_time(line) ? line.substr(std::string(TIME_SHAPE).size()) : "no log line: " + line;
+}
+
+[[noreturn]] void fail(const std::string& what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+std::string proc_path(pid_t process, const std::string& entry) {
+    return "/proc/" + std::to_string(process) + "/" + entry;
+}
+
+// The words of "45 0x5 0x7f...", "running" or nothing.
+std::vector<std::string> system_call_words(pid_t process, pid_t thread) {
+    std::ifstream file(proc_path(process, "task/" + std::to_string(thread) + "/syscall"));
+    std::vector<std::string> words;
+    for (std::string word; file >> word;) {
+        words.push_back(word);
+    }
+    return words;
+}
+
+uint64_t number_of(const std::string& text, int base) {
+    uint64_t number = 0;
+    std::from_chars(text.data(), text.data() + text.size(), number, base);
+    return number;
+}
+
+// The inode of a socket from "socket:[4711]".
+std::string inode_of(pid_t process, int descriptor) {
+    std::error_code ignored;
+    const std::string target =
+        fs::read_symlink(proc_path(process, "fd/" + std::to_string(descriptor)), ignored).string();
+    const std::string prefix = "socket:[";
+    return target.compare(0, prefix.size(), prefix) == 0
+               ? target.substr(prefix.size(), target.size() - prefix.size() - 1)
+               : "";
+}
+
+// A row of /proc/net/udp:
+// sl  local_address rem_address   st tx_queue:rx_queue tr:tm->when retrnsmt uid timeout inode ref pointer drops
+std::optional<ReceiveSocket> find_socket(pid_t process, int descriptor) {
+    constexpr std::size_t LOCAL = 1;
+    constexpr std::size_t QUEUES = 4;
+    constexpr std::size_t INODE = 9;
+    constexpr std::size_t DROPS = 12;
+    const std::string inode = inode_of(process, descriptor);
+    std::ifstream table(proc_path(process, "net/udp"));
+    for (std::string row; std::getline(table, row);) {
+        std::istringstream stream(row);
+        std::vector<std::string> fields;
+        for (std::string field; stream >> field;) {
+            fields.push_back(field);
+        }
+        if (fields.size() > DROPS && fields[INODE] == inode) {
+            const std::string& local = fields[LOCAL];
+            const std::string& queues = fields[QUEUES];
+            return ReceiveSocket{
+                descriptor, static_cast<uint16_t>(number_of(local.substr(local.find(':') + 1), 16)),
+                number_of(queues.substr(queues.find(':') + 1), 16), number_of(fields[DROPS], 10)};
+        }
+    }
+    return std::nullopt;
+}
+
+ExitStatus status_of(int raw) {
+    if (WIFEXITED(raw)) {
+        return exited(WEXITSTATUS(raw));
+    }
+    return killed_by(WTERMSIG(raw));
+}
+
+// In the child, between fork and exec.
+[[noreturn]] void become_router(const tools::PrivatePaths& paths, const std::vector<std::string>& arguments,
+                                const std::string& folder, int output, int error) {
+    const int null = open("/dev/null", O_RDONLY);
+    if (null < 0 || dup2(null, STDIN_FILENO) < 0 || dup2(output, STDOUT_FILENO) < 0 ||
+        dup2(error, STDERR_FILENO) < 0) {
+        _exit(127);
+    }
+    const rlimit no_core{0, 0};
+    setrlimit(RLIMIT_CORE, &no_core);
+    try {
+        tools::enter_private_paths(paths);
+    } catch (const std::exception& failure) {
+        dprintf(STDERR_FILENO, "private paths: %s\n", failure.what());
+        _exit(127);
+    }
+    prctl(PR_SET_PDEATHSIG, SIGKILL); // a test that crashes leaves no router behind; a new identity resets it
+    if (chdir(folder.c_str()) != 0) {
+        dprintf(STDERR_FILENO, "chdir failed\n");
+        _exit(127);
+    }
+    std::vector<char*> argv;
+    for (const std::string& argument : arguments) {
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+    execv(router_executable().c_str(), argv.data());
+    dprintf(STDERR_FILENO, "exec failed\n");
+    _exit(127);
+}
+
+} // namespace
+
+std::string router_executable() {
+    return CORVALIN_ROUTER_PATH;
+}
+
+RouterPlace::RouterPlace() : m_syslog((folder() / "dev_log").string()) {
+    write_file(kafka_conf(), "kafka_broker=127.0.0.1:1\n"
+                             "kafka_topic_broadcast=broadcast\n"
+                             "kafka_topic_request=request\n");
+    fs::create_directories(log_folder());
+}
+
+std::ostream& operator<<(std::ostream& stream, const ExitStatus& status) {
+    return status.signal != 0 ? stream << "killed by signal " << status.signal
+                              : stream << "exit status " << status.code;
+}
+
+RouterProcess::RouterProcess(RouterPlace& place, const std::vector<std::string>& arguments)
+    : RouterProcess(place, arguments, Options{}) {
+}
+
+RouterProcess::RouterProcess(RouterPlace& place, const std::vector<std::string>& arguments, Options options)
+    : m_place(place) {
+    start(arguments, options);
+}
+
+void RouterProcess::start(const std::vector<std::string>& arguments, const Options& options) {
+    std::vector<std::string> argv = {options.name.empty() ? router_executable() : options.name};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    const std::string folder =
+        options.working_folder.empty() ? m_place.folder().string() : options.working_folder;
+    tools::PrivatePaths paths;
+    paths.etc_dir = (m_place.folder() / "etc").string();
+    paths.log_dir = (m_place.folder() / "log").string();
+    paths.dev_log_socket = m_place.syslog().path();
+    if (options.blocked_log) {
+        m_error.fill();
+    }
+    m_pid = fork();
+    if (m_pid == 0) {
+        become_router(paths, argv, folder, m_output.write_end(), m_error.write_end());
+    }
+    if (m_pid < 0) {
+        fail("fork");
+    }
+    m_output.close_write_end();
+    m_error.close_write_end();
+    m_output.start();
+    if (!options.blocked_log) {
+        m_error.start();
+    }
+}
+
+RouterProcess::~RouterProcess() {
+    if (!m_status) {
+        kill();
+    }
+    if (::testing::Test::HasFailure()) {
+        std::cout << "log of the router:\n";
+        for (const std::string& line : m_error.lines()) {
+            std::cout << "    " << line << "\n";
+        }
+    }
+}
+
+std::optional<int> RouterProcess::descriptor_in_recv() const {
+    const std::vector<std::string> words = system_call_words(m_pid, m_pid);
+    if (words.size() < 2 || words[0] != std::to_string(SYS_recvfrom)) {
+        return std::nullopt;
+    }
+    return static_cast<int>(number_of(words[1].substr(2), 16));
+}
+
+bool RouterProcess::wait_until_receiving() {
+    const bool receives =
+        eventually([this] { return descriptor_in_recv() || !is_alive(m_pid); }) && descriptor_in_recv();
+    if (!receives) {
+        ADD_FAILURE() << "the router does not receive";
+    }
+    return receives;
+}
+
+ReceiveSocket RouterProcess::receive_socket() {
+    std::optional<ReceiveSocket> socket;
+    // A main thread that is busy is seen out of recv; it comes back.
+    const bool found = eventually([&] {
+        if (const auto descriptor = descriptor_in_recv()) {
+            socket = find_socket(m_pid, *descriptor);
+        }
+        return socket || !is_alive(m_pid);
+    });
+    if (!found || !socket) {
+        ADD_FAILURE() << "the router has no receive socket";
+        return {};
+    }
+    return *socket;
+}
+
+std::vector<std::string> RouterProcess::log() {
+    std::vector<std::string> bodies;
+    for (const std::string& line : m_error.lines()) {
+        bodies.push_back(without_time(line));
+    }
+    return bodies;
+}
+
+std::size_t RouterProcess::log_count(const std::string& line) {
+    const std::vector<std::string> all = log();
+    return static_cast<std::size_t>(std::count(all.begin(), all.end(), line));
+}
+
+bool RouterProcess::wait_for_log(const std::string& line, std::size_t times) {
+    std::size_t seen = 0;
+    const bool came = m_error
+                          .wait_for([&](const std::string& candidate) {
+                              seen += without_time(candidate) == line ? 1 : 0;
+                              return seen == times;
+                          })
+                          .has_value();
+    if (!came) {
+        ADD_FAILURE() << "not logged " << times << " times: " << line;
+    }
+    return came;
+}
+
+void RouterProcess::signal(int number) const {
+    if (::kill(m_pid, number) != 0) {
+        ADD_FAILURE() << "no process to signal";
+    }
+}
+
+ExitStatus RouterProcess::wait_for_exit(std::chrono::milliseconds limit) {
+    if (m_status) {
+        return *m_status;
+    }
+    int raw = 0;
+    const bool ended = eventually([&] { return waitpid(m_pid, &raw, WNOHANG) != 0; }, limit);
+    if (!ended) {
+        ADD_FAILURE() << "the router does not end";
+        ::kill(m_pid, SIGKILL);
+        waitpid(m_pid, &raw, 0);
+    }
+    m_status = status_of(raw);
+    EXPECT_TRUE(m_error.wait_for_end() && m_output.wait_for_end()) << "somebody holds the router's output";
+    return *m_status;
+}
+
+ExitStatus RouterProcess::stop() {
+    if (!wait_until_receiving()) {
+        kill();
+        return *m_status;
+    }
+    signal(SIGTERM);
+    return wait_for_exit();
+}
+
+void RouterProcess::kill() {
+    int raw = 0;
+    const bool ended_before = waitpid(m_pid, &raw, WNOHANG) != 0;
+    if (!ended_before) {
+        ::kill(m_pid, SIGKILL);
+        waitpid(m_pid, &raw, 0);
+    }
+    m_status = status_of(raw);
+    if (ended_before) {
+        ADD_FAILURE() << "the router had ended by itself: " << *m_status;
+    }
+}
+
+std::optional<long> blocking_system_call(pid_t process, pid_t thread) {
+    const std::vector<std::string> words = system_call_words(process, thread);
+    long number = -1;
+    if (words.empty() ||
+        std::from_chars(words[0].data(), words[0].data() + words[0].size(), number).ec != std::errc{}) {
+        return std::nullopt;
+    }
+    return number;
+}
+
+std::vector<pid_t> threads_of(pid_t process) {
+    std::vector<pid_t> threads;
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(proc_path(process, "task"), ignored)) {
+        threads.push_back(static_cast<pid_t>(number_of(entry.path().filename().string(), 10)));
+    }
+    return threads;
+}
+
+std::string status_field(pid_t process, const std::string& name) {
+    std::ifstream status(proc_path(process, "status"));
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, name.size() + 1, name + ":") == 0) {
+            const std::size_t begin = line.find_first_not_of(" \t", name.size() + 1);
+            return begin == std::string::npos ? "" : line.substr(begin);
+        }
+    }
+    return "";
+}
+
+uint64_t status_kilobytes(pid_t process, const std::string& name) {
+    return number_of(status_field(process, name), 10);
+}
+
+bool is_alive(pid_t process) {
+    const std::string state = status_field(process, "State");
+    return !state.empty() && state[0] != 'Z' && state[0] != 'X';
+}
+
+void in_own_network(const std::function<void()>& body) {
+    std::cout.flush();
+    std::fflush(stdout);
+    const pid_t child = fork();
+    if (child == 0) {
+        try {
+            tools::PrivatePaths paths;
+            paths.own_network = true;
+            tools::enter_private_paths(paths);
+            body();
+        } catch (const std::exception& failure) {
+            ADD_FAILURE() << failure.what();
+        }
+        std::cout.flush();
+        std::fflush(stdout);
+        _exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    if (child < 0) {
+        fail("fork");
+    }
+    int raw = 0;
+    waitpid(child, &raw, 0);
+    EXPECT_EQ(status_of(raw), exited(0)) << "in a network namespace of its own";
+}
+
+} // namespace corvalin::test

@@ -1,0 +1,151 @@
+// router_process: the real executable as a child process, with fixed paths of its own.
+//
+// A RouterProcess runs in a RouterPlace, which holds what stands in the place of /etc/tolvaine,
+// /var/log/tolvaine and /dev/log. Its UDP port is the kernel's choice unless the configuration names one.
+//
+// Threads    one thread at a time; the captures have their own.
+// Ownership  the destructor ends the process. A process that has ended by itself, without the test asking for its
+//            exit status, is a failure of the test.
+// Errors     what the test environment refuses is an exception; what the router does wrong is a test failure.
+#pragma once
+
+#include "tests/support/system/stream_capture.h"
+#include "tests/support/system/syslog_socket.h"
+#include "tests/support/system/temp_folder.h"
+#include "tests/support/system/wait.h"
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace corvalin::test {
+
+/// Path of the executable under test.
+std::string router_executable();
+
+/// The machine as the router sees it: files and the syslog socket, all in a temp folder.
+class RouterPlace {
+public:
+    /// Makes kafka.conf, without which the router does not start, and no router.conf.
+    RouterPlace();
+
+    const std::filesystem::path& folder() const { return m_folder.path(); }
+    /// What the router sees as /etc/tolvaine/corvalin/router.conf and kafka.conf.
+    std::filesystem::path router_conf() const { return folder() / "etc" / "corvalin" / "router.conf"; }
+    std::filesystem::path kafka_conf() const { return folder() / "etc" / "corvalin" / "kafka.conf"; }
+    /// What the router sees as /var/log/tolvaine/corvalin.
+    std::filesystem::path log_folder() const { return folder() / "log" / "corvalin"; }
+    SyslogSocket& syslog() { return m_syslog; }
+    const SyslogSocket& syslog() const { return m_syslog; }
+
+private:
+    TempFolder m_folder;
+    SyslogSocket m_syslog;
+};
+
+/// How a process has ended.
+struct ExitStatus {
+    int code = -1;  // -1: not by exit
+    int signal = 0; // 0: not by a signal
+};
+inline bool operator==(const ExitStatus& left, const ExitStatus& right) {
+    return left.code == right.code && left.signal == right.signal;
+}
+std::ostream& operator<<(std::ostream& stream, const ExitStatus& status);
+inline ExitStatus exited(int code) {
+    return {code, 0};
+}
+inline ExitStatus killed_by(int signal) {
+    return {-1, signal};
+}
+
+/// What the kernel tells of the router's receive socket.
+struct ReceiveSocket {
+    int descriptor = -1;
+    uint16_t port = 0;
+    uint64_t queued_bytes = 0;
+    uint64_t dropped_datagrams = 0;
+};
+
+class RouterProcess {
+public:
+    struct Options {
+        /// Folder that the process starts in; none: the place's.
+        std::string working_folder;
+        /// argv[0]; none: the path of the executable.
+        std::string name;
+        /// The process blocks at its first line on standard error until `unblock_log`.
+        bool blocked_log = false;
+    };
+
+    RouterProcess(RouterPlace& place, const std::vector<std::string>& arguments = {});
+    RouterProcess(RouterPlace& place, const std::vector<std::string>& arguments, Options options);
+    ~RouterProcess();
+    RouterProcess(const RouterProcess&) = delete;
+    RouterProcess& operator=(const RouterProcess&) = delete;
+
+    pid_t pid() const { return m_pid; }
+
+    /// Waits until the main thread blocks in recv: from then on a signal interrupts it. False, and the test has
+    /// failed, if it does not come to that.
+    bool wait_until_receiving();
+    /// Of the process that receives. The first call waits until it does.
+    ReceiveSocket receive_socket();
+    uint16_t port() { return receive_socket().port; }
+
+    // Standard error, one log line each, without the time; a line that has not the form of a log line stands as
+    // it was written, behind "no log line: ".
+    std::vector<std::string> log();
+    /// How often exactly this line was logged so far: "WARNING | MODULE: text".
+    std::size_t log_count(const std::string& line);
+    /// Waits for the line. False, and the test has failed, if it does not come.
+    bool wait_for_log(const std::string& line, std::size_t times = 1);
+    std::vector<std::string> raw_log() { return m_error.lines(); }
+    std::vector<std::string> output() { return m_output.lines(); }
+    /// Lets a process with `blocked_log` go on.
+    void unblock_log() { m_error.start(); }
+
+    void signal(int number) const;
+    /// Waits for the end of the process and of its output. A process that does not end is a failure and is
+    /// killed.
+    ExitStatus wait_for_exit(std::chrono::milliseconds limit = WAIT_LIMIT);
+    /// SIGTERM to a process that receives, and its exit status.
+    ExitStatus stop();
+    /// Ends the process at once. That it had ended before is a failure.
+    void kill();
+
+private:
+    void start(const std::vector<std::string>& arguments, const Options& options);
+    std::optional<int> descriptor_in_recv() const;
+
+    RouterPlace& m_place; // borrowed
+    StreamCapture m_error;
+    StreamCapture m_output;
+    pid_t m_pid = -1;
+    std::optional<ExitStatus> m_status;
+};
+
+// What /proc tells of any process.
+
+/// Number of the system call that a thread blocks in; nothing if it runs or is gone.
+std::optional<long> blocking_system_call(pid_t process, pid_t thread);
+std::vector<pid_t> threads_of(pid_t process);
+/// A field of /proc/PID/status, without name and blanks; empty if there is none.
+std::string status_field(pid_t process, const std::string& name);
+/// Kilobytes of a field such as "VmHWM".
+uint64_t status_kilobytes(pid_t process, const std::string& name);
+/// True until the process has ended, by itself or not. A zombie has ended.
+bool is_alive(pid_t process);
+
+/// Runs `body` in a child process in a network namespace of its own, with all rights over it. Failures in there
+/// are failures of the calling test. Call it before the test has any thread.
+void in_own_network(const std::function<void()>& body);
+
+} // namespace corvalin::test
