@@ -40,6 +40,7 @@ ToolProcess::ToolProcess(std::vector<std::string> arguments) {
     posix_spawn_file_actions_adddup2(&actions, err.write_end, STDERR_FILENO);
 
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) {
         argv.push_back(argument.data());
     }

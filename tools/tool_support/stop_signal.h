@@ -1,0 +1,18 @@
+// stop_signal: SIGINT and SIGTERM as a request to finish, for tools that report at their end.
+//
+// A signal may arrive just before a wait and then does not interrupt it, so every wait of a tool is limited to
+// STOP_CHECK_INTERVAL_MS.
+//
+// Threads    catch_stop_signals: main thread, before others start. stop_requested: any thread.
+#pragma once
+
+namespace corvalin::tools {
+
+constexpr int STOP_CHECK_INTERVAL_MS = 100;
+
+/// From here on the signals do not end the process, but interrupt system calls.
+void catch_stop_signals();
+/// True once such a signal has arrived.
+bool stop_requested() noexcept;
+
+} // namespace corvalin::tools
