@@ -30,7 +30,7 @@ void RouterTest::start_with_nodes(std::size_t writers, std::size_t medias, const
 }
 
 bool RouterTest::wait_for_trace(int priority, const std::string& text) {
-    const SyslogRecord wanted{priority, FOREGROUND_TAG, text};
+    const SyslogRecord wanted{priority, FOREGROUND_TAG, text, {}};
     const bool came =
         syslog().wait_for([&](const SyslogRecord& record) { return record == wanted; }).has_value();
     if (!came) {
@@ -43,7 +43,7 @@ bool RouterTest::wait_for_trace(int priority, const std::string& text) {
 }
 
 std::size_t RouterTest::trace_count(int priority, const std::string& text) {
-    const SyslogRecord wanted{priority, FOREGROUND_TAG, text};
+    const SyslogRecord wanted{priority, FOREGROUND_TAG, text, {}};
     return syslog().count([&](const SyslogRecord& record) { return record == wanted; });
 }
 

@@ -53,16 +53,6 @@ std::string proc_path(pid_t process, const std::string& entry) {
     return "/proc/" + std::to_string(process) + "/" + entry;
 }
 
-// The words of "45 0x5 0x7f...", "running" or nothing.
-std::vector<std::string> system_call_words(pid_t process, pid_t thread) {
-    std::ifstream file(proc_path(process, "task/" + std::to_string(thread) + "/syscall"));
-    std::vector<std::string> words;
-    for (std::string word; file >> word;) {
-        words.push_back(word);
-    }
-    return words;
-}
-
 uint64_t number_of(const std::string& text, int base) {
     uint64_t number = 0;
     std::from_chars(text.data(), text.data() + text.size(), number, base);
@@ -104,6 +94,27 @@ std::optional<ReceiveSocket> find_socket(pid_t process, int descriptor) {
         }
     }
     return std::nullopt;
+}
+
+// Of the main thread.
+std::optional<int> descriptor_in_recv(pid_t process) {
+    const auto call = blocking_call(process, process);
+    if (!call || call->number != SYS_recvfrom) {
+        return std::nullopt;
+    }
+    return static_cast<int>(call->descriptor);
+}
+
+std::vector<pid_t> children_of(pid_t process) {
+    std::vector<pid_t> children;
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator("/proc", ignored)) {
+        const auto candidate = static_cast<pid_t>(number_of(entry.path().filename().string(), 10));
+        if (candidate != 0 && status_field(candidate, "PPid") == std::to_string(process)) {
+            children.push_back(candidate);
+        }
+    }
+    return children;
 }
 
 ExitStatus status_of(int raw) {
@@ -183,6 +194,7 @@ void RouterProcess::start(const std::vector<std::string>& arguments, const Optio
     if (options.blocked_log) {
         m_error.fill();
     }
+    prctl(PR_SET_CHILD_SUBREAPER, 1); // for follow_daemon
     m_pid = fork();
     if (m_pid == 0) {
         become_router(paths, argv, folder, m_output.write_end(), m_error.write_end());
@@ -210,33 +222,28 @@ RouterProcess::~RouterProcess() {
     }
 }
 
-std::optional<int> RouterProcess::descriptor_in_recv() const {
-    const std::vector<std::string> words = system_call_words(m_pid, m_pid);
-    if (words.size() < 2 || words[0] != std::to_string(SYS_recvfrom)) {
-        return std::nullopt;
-    }
-    return static_cast<int>(number_of(words[1].substr(2), 16));
-}
-
 bool RouterProcess::wait_until_receiving() {
-    const bool receives =
-        eventually([this] { return descriptor_in_recv() || !is_alive(m_pid); }) && descriptor_in_recv();
-    if (!receives) {
+    std::optional<int> descriptor;
+    eventually([&] {
+        descriptor = descriptor_in_recv(m_pid);
+        return descriptor || !is_alive(m_pid);
+    });
+    if (!descriptor) {
         ADD_FAILURE() << "the router does not receive";
     }
-    return receives;
+    return descriptor.has_value();
 }
 
 ReceiveSocket RouterProcess::receive_socket() {
     std::optional<ReceiveSocket> socket;
     // A main thread that is busy is seen out of recv; it comes back.
-    const bool found = eventually([&] {
-        if (const auto descriptor = descriptor_in_recv()) {
+    eventually([&] {
+        if (const auto descriptor = descriptor_in_recv(m_pid)) {
             socket = find_socket(m_pid, *descriptor);
         }
         return socket || !is_alive(m_pid);
     });
-    if (!found || !socket) {
+    if (!socket) {
         ADD_FAILURE() << "the router has no receive socket";
         return {};
     }
@@ -314,14 +321,35 @@ void RouterProcess::kill() {
     }
 }
 
-std::optional<long> blocking_system_call(pid_t process, pid_t thread) {
-    const std::vector<std::string> words = system_call_words(process, thread);
-    long number = -1;
-    if (words.empty() ||
-        std::from_chars(words[0].data(), words[0].data() + words[0].size(), number).ec != std::errc{}) {
+void RouterProcess::follow_daemon() {
+    // Orphans of this process become its children, so that the daemon's exit status can be had.
+    if (wait_for_exit() != exited(0)) {
+        ADD_FAILURE() << "the router did not go into the background: " << *m_status;
+        return;
+    }
+    const pid_t launcher = m_pid;
+    const bool found = eventually([&] {
+        const std::vector<pid_t> children = children_of(getpid());
+        m_pid = children.empty() ? launcher : children.front();
+        return m_pid != launcher;
+    });
+    if (!found) {
+        ADD_FAILURE() << "there is no daemon";
+        return;
+    }
+    m_status.reset();
+}
+
+std::optional<BlockingCall> blocking_call(pid_t process, pid_t thread) {
+    // "45 0x5 0x7f...", or "running", or nothing.
+    std::ifstream file(proc_path(process, "task/" + std::to_string(thread) + "/syscall"));
+    BlockingCall call;
+    std::string argument;
+    if (!(file >> call.number >> argument) || argument.size() < 3) {
         return std::nullopt;
     }
-    return number;
+    call.descriptor = static_cast<long>(number_of(argument.substr(2), 16));
+    return call;
 }
 
 std::vector<pid_t> threads_of(pid_t process) {

@@ -121,9 +121,12 @@ public:
     /// Ends the process at once. That it had ended before is a failure.
     void kill();
 
+    /// The process is one that puts itself into the background: waits for its own exit status 0, and from then on
+    /// this object stands for the daemon that it left. Not for a test that has other children.
+    void follow_daemon();
+
 private:
     void start(const std::vector<std::string>& arguments, const Options& options);
-    std::optional<int> descriptor_in_recv() const;
 
     RouterPlace& m_place; // borrowed
     StreamCapture m_error;
@@ -134,8 +137,13 @@ private:
 
 // What /proc tells of any process.
 
-/// Number of the system call that a thread blocks in; nothing if it runs or is gone.
-std::optional<long> blocking_system_call(pid_t process, pid_t thread);
+/// The system call that a thread blocks in.
+struct BlockingCall {
+    long number = -1;
+    long descriptor = -1; // the first argument, if it is one
+};
+/// Nothing if the thread runs or is gone.
+std::optional<BlockingCall> blocking_call(pid_t process, pid_t thread);
 std::vector<pid_t> threads_of(pid_t process);
 /// A field of /proc/PID/status, without name and blanks; empty if there is none.
 std::string status_field(pid_t process, const std::string& name);

@@ -205,6 +205,7 @@ void SyslogSocket::take() const {
             continue;
         }
         SyslogRecord record = parse(datagram);
+        record.taken = std::chrono::steady_clock::now();
         if (!m_keep || m_keep(record)) {
             m_records.push_back(std::move(record));
         }

@@ -24,8 +24,10 @@ struct SyslogRecord {
     int priority = -1; // facility and severity; -1 if the datagram has not the form above
     std::string tag;   // "corvalin_router", or "corvalinrouter[<pid>]" behind an openlog
     std::string text;  // with its line feeds
+    std::chrono::steady_clock::time_point taken; // when it was taken out of the socket
 };
 
+/// Of what was written, whenever that was.
 bool operator==(const SyslogRecord& left, const SyslogRecord& right);
 /// For failure messages of tests.
 std::ostream& operator<<(std::ostream& stream, const SyslogRecord& record);
