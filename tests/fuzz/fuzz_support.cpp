@@ -26,7 +26,12 @@ bool ByteSource::skip(std::string_view prefix) {
 }
 
 void fail(const std::string& text) {
-    std::fprintf(stderr, "ORACLE: %s\n", text.c_str());
+    std::fputs("ORACLE: ", stderr);
+    for (const char character : text) {
+        const auto byte = static_cast<unsigned char>(character);
+        std::fprintf(stderr, byte >= ' ' && byte <= '~' ? "%c" : "\\x%02x", byte);
+    }
+    std::fputs("\n", stderr);
     std::abort();
 }
 
@@ -75,3 +80,10 @@ void Reach::mark(std::string_view what) {
 }
 
 } // namespace corvalin::fuzz
+
+// What a program has freed is kept for a while, so that a use of it is seen. The default of 256 MiB is for
+// processes that run once; here it would only push the caches over, thousands of times a second.
+// NOLINTNEXTLINE(readability-identifier-naming): the name that the runtime asks for
+extern "C" const char* __asan_default_options() {
+    return "quarantine_size_mb=16";
+}

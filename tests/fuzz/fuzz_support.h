@@ -6,10 +6,11 @@
 //            answers by writing the input to a file.
 //
 // Two settings of the environment turn a target on itself:
-//   CORVALIN_FUZZ_PLANT=<fault>   the oracle expects something wrong on purpose, so that a replay of the corpus
-//                                 must end in a verdict. A target names its faults where it calls `planted`.
-//   CORVALIN_FUZZ_REACH=1         a replay: the process fails at its end unless the inputs have reached all that the
-//                                 target lists, so that seeds cannot rot unnoticed.
+//   CORVALIN_FUZZ_PLANT=<fault>   the oracle expects something wrong on purpose, so that a replay of the
+//                                 corpus must end in a verdict. A target names its faults where it calls
+//                                 `planted`.
+//   CORVALIN_FUZZ_REACH=1         a replay: the process fails at its end unless the inputs have reached all
+//                                 that the target lists, so that seeds cannot rot unnoticed.
 #pragma once
 
 #include <cstddef>
@@ -49,7 +50,8 @@ private:
     const uint8_t* m_end;
 };
 
-/// Writes "ORACLE: " and `text` to the standard error stream and aborts.
+/// Writes "ORACLE: " and `text`, with its unprintable bytes in hexadecimal, to the standard error stream and
+/// aborts.
 [[noreturn]] void fail(const std::string& text);
 
 /// Fails unless `holds`. `what` names the property, since the text is the whole report.

@@ -23,7 +23,7 @@ if(failed)
 endif()
 
 # A target that hangs at once, or refuses all inputs, has found nothing either.
-set(fewest 1000)
+set(fewest 100)
 string(REGEX MATCH "stat::number_of_executed_units: *([0-9]+)" stat "${output}")
 if(NOT stat OR CMAKE_MATCH_1 LESS fewest)
     message(FATAL_ERROR "fewer than ${fewest} inputs were tried")
