@@ -3,6 +3,7 @@
 #include "corvalin_lib/log.h"
 #include "router/statistic_service.h"
 
+#include <new>
 #include <utility>
 
 namespace corvalin::router {
@@ -53,14 +54,14 @@ void RoutingManager::set_writer_hosts(std::list<net::HostAddr> hosts) {
     m_writer_balancer.update(hosts);
 }
 
-// The assignment is made and logged before the session exists: a session that cannot be built has moved the
-// rotation all the same.
+// The assignment is made and logged before the session exists: a session that cannot be built has moved the rotation
+// all the same. Only the heap may fail here; an error of a balancer's lock passes through.
 media::Session* RoutingManager::create_session(const media::StartPacket& packet, unsigned long& result) {
-    std::list<net::HostAddr> hosts = assign_hosts(packet);
-    log_assignment(packet, hosts);
     try {
+        std::list<net::HostAddr> hosts = assign_hosts(packet);
+        log_assignment(packet, hosts);
         return new RoutingSession(packet, now_us(), std::move(hosts));
-    } catch (...) {
+    } catch (const std::bad_alloc&) {
         result = 0;
         return nullptr;
     }
