@@ -271,6 +271,9 @@ TEST_F(HostBalancerTest, a_pick_by_the_thread_that_holds_the_lock_throws_and_mov
     EXPECT_THAT(picks(2), ElementsAre("b", "a"));
 }
 
+constexpr uint32_t LEAST_LISTS = 5000;
+constexpr uint32_t LEAST_CHANGES_SEEN = 20;
+
 /// A list whose nodes all tell its number and their index, in the name, the port and the address.
 std::list<net::HostAddr> numbered_list(uint32_t number) {
     std::list<net::HostAddr> list;
@@ -288,8 +291,6 @@ std::list<net::HostAddr> numbered_list(uint32_t number) {
 // Since a node tells the number of its list, and thereby the list's length, each pick has to be exactly the
 // one that the round robin gives for that list.
 TEST_F(HostBalancerTest, each_pick_beside_updates_lies_in_one_list_and_follows_the_rotation) {
-    constexpr uint32_t LEAST_LISTS = 5000;
-    constexpr uint32_t LEAST_CHANGES_SEEN = 100;
     std::atomic<bool> has_seen_enough{false};
     std::atomic<uint32_t> final_list{0};
     std::thread writer([&] {

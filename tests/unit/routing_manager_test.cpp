@@ -329,13 +329,12 @@ TEST_F(RoutingManagerTest, packets_go_out_byte_for_byte_as_they_came_but_for_seq
         Bytes packet;
         std::size_t expected_bytes;
     };
-    constexpr uint64_t ID = 0xfedcba9876543210;
+    const uint64_t id = 0xfedcba9876543210;
     const std::string zero_inside("abc\0de", 6);
-    const Bytes start_tail = {0xde, 0xad, 0xbe, 0xef};
     const std::vector<Case> cases = {
         {"start with an empty call id",
          start_packet()
-             .id(ID)
+             .id(id)
              .flags(0xff)
              .side(7)
              .seq(1000)
@@ -347,16 +346,16 @@ TEST_F(RoutingManagerTest, packets_go_out_byte_for_byte_as_they_came_but_for_seq
              .reserved({9, 8, 7, 6, 5, 4})
              .bytes(),
          88},
-        {"data without a payload", data_packet().id(ID).seq(1001).m_flg(0xa5a5).m_off(0xdeadbeef).bytes(),
+        {"data without a payload", data_packet().id(id).seq(1001).m_flg(0xa5a5).m_off(0xdeadbeef).bytes(),
          56},
-        {"data of one unit", data_packet().id(ID).seq(1002).flags(0x3c).side(1).payload_units(1).bytes(), 58},
-        {"data of the greatest length", data_packet().id(ID).seq(1003).payload_units(660).bytes(), 1376},
-        {"terminate", terminate_packet().id(ID).seq(1004).flags(0xff).side(255).mt(5).bytes(), 48},
+        {"data of one unit", data_packet().id(id).seq(1002).flags(0x3c).side(1).payload_units(1).bytes(), 58},
+        {"data of the greatest length", data_packet().id(id).seq(1003).payload_units(660).bytes(), 1376},
+        {"terminate", terminate_packet().id(id).seq(1004).flags(0xff).side(255).mt(5).bytes(), 48},
         {"start with a zero byte in its call id",
-         start_packet().id(ID).flags(0xc0).seq(1).call_id(zero_inside).bytes(), 94},
-        {"terminate", terminate_packet().id(ID).seq(2).bytes(), 48},
+         start_packet().id(id).flags(0xc0).seq(1).call_id(zero_inside).bytes(), 94},
+        {"terminate", terminate_packet().id(id).seq(2).bytes(), 48},
         {"start with the longest call id, no zero byte behind it",
-         start_packet().id(ID).flags(0xc0).seq(1).call_id(std::string(1288, 'x')).bytes(), 1376},
+         start_packet().id(id).flags(0xc0).seq(1).call_id(std::string(1288, 'x')).bytes(), 1376},
     };
     Node writer;
     Node media_node;
@@ -613,6 +612,8 @@ TEST_F(RoutingManagerTest, a_failed_send_to_the_last_host_leaves_the_session_ali
 
 // ---- Lists that change beside the reader
 
+constexpr uint32_t LEAST_LISTS = 2000;
+constexpr uint32_t LEAST_CHANGES_SEEN = 20;
 constexpr const char* NUMBERED = "node.of.list.number."; // longer than what a string holds within itself
 
 std::list<net::HostAddr> numbered_list(uint32_t number) {
@@ -637,8 +638,6 @@ uint32_t list_number(const net::HostAddr& host) {
 // One thread makes sessions while another replaces both lists. A pick from a list that is half replaced, or
 // already freed, would show.
 TEST_F(RoutingManagerTest, lists_may_change_on_another_thread_while_sessions_are_made) {
-    constexpr uint32_t LEAST_LISTS = 2000;
-    constexpr uint32_t LEAST_CHANGES_SEEN = 100;
     std::atomic<bool> has_seen_enough{false};
     std::atomic<bool> is_done{false};
     std::thread lists([&] {
