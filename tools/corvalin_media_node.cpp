@@ -142,7 +142,7 @@ private:
     // Waking for each datagram costs this process and whoever sends it; a pause lets them gather in the socket.
     void wait(uint64_t now_ns) {
         if (m_poll_interval_us != 0) {
-            sleep_until_ns(now_ns + m_poll_interval_us * NS_PER_US);
+            pause_until(now_ns + m_poll_interval_us * NS_PER_US);
             return;
         }
         // Short enough for the ends by time, and for a signal that came before the call.
@@ -151,6 +151,12 @@ private:
                                       : std::min<uint64_t>(STOP_CHECK_INTERVAL_MS, m_options.idle_exit_ms);
         if (poll(m_polled.data(), m_polled.size(), static_cast<int>(limit_ms)) < 0 && errno != EINTR) {
             throw std::system_error(errno, std::generic_category(), "poll");
+        }
+    }
+
+    void pause_until(uint64_t until_ns) {
+        for (uint64_t now_ns = steady_ns(); now_ns < until_ns && !is_over(now_ns); now_ns = steady_ns()) {
+            sleep_until_ns(std::min(until_ns, now_ns + STOP_CHECK_INTERVAL_MS * NS_PER_MS));
         }
     }
 

@@ -1,20 +1,33 @@
 // The tools as a user runs them: real processes that talk to each other over loopback, without the router.
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <rapidjson/document.h>
+#include <rapidjson/pointer.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "corvalin_lib/media_packet.h"
+#include "tests/support/packet_builder.h"
 #include "tests/support/tool_process.h"
+#include "tools/tool_support/media_stream.h"
 #include "tools/tool_support/private_paths.h"
+#include "tools/tool_support/udp_batch.h"
 
 namespace corvalin::test {
 namespace {
@@ -244,6 +257,498 @@ TEST_F(PrivateRunTest, can_be_entered_by_a_forked_child) {
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
+}
+
+std::string in_json(const rapidjson::Value& value) {
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    value.Accept(writer);
+    return buffer.GetString();
+}
+
+rapidjson::Document parse_json(const std::string& text) {
+    rapidjson::Document document;
+    document.Parse(text.c_str());
+    if (document.HasParseError() || !document.IsObject()) {
+        ADD_FAILURE() << "no JSON object: " << text;
+        document.SetObject();
+    }
+    return document;
+}
+
+/// The number at "/a/b/0/c"; fails the test where there is none.
+uint64_t number(const rapidjson::Document& document, const char* path) {
+    const rapidjson::Value* const value = rapidjson::Pointer(path).Get(document);
+    if (value == nullptr || !value->IsUint64()) {
+        ADD_FAILURE() << "no number " << path << " in " << in_json(document);
+        return 0;
+    }
+    return value->GetUint64();
+}
+
+/// A media node that reports in JSON when it ends.
+class NodeProcess {
+public:
+    explicit NodeProcess(const std::vector<std::string>& options) : m_process(command(options)) {
+        std::istringstream line(m_process.read_line());
+        std::string word;
+        line >> word;
+        EXPECT_EQ(word, "ports") << m_process.err();
+        while (line >> word) {
+            m_ports.push_back(word);
+        }
+    }
+
+    /// One for each port.
+    const std::vector<std::string>& ports() const { return m_ports; }
+    const std::string& port() const { return m_ports.at(0); }
+
+    /// Ends the node. What was sent before is in its socket and is still counted.
+    int stop() {
+        m_process.send_signal(SIGTERM);
+        return wait();
+    }
+    int wait() {
+        const int status = m_process.wait();
+        m_summary = parse_json(m_process.out());
+        return status;
+    }
+    uint64_t count(const char* path) const { return number(m_summary, path); }
+    uint64_t total(const std::string& name) const { return number(m_summary, ("/total/" + name).c_str()); }
+    const rapidjson::Document& summary() const { return m_summary; }
+
+private:
+    static std::vector<std::string> command(const std::vector<std::string>& options) {
+        // Whatever becomes of the test, the node ends.
+        std::vector<std::string> words{CORVALIN_MEDIA_NODE_PATH, "--json"};
+        words.insert(words.end(), options.begin(), options.end());
+        if (std::find(options.begin(), options.end(), "--duration") == options.end()) {
+            words.insert(words.end(), {"--duration", "100"});
+        }
+        return words;
+    }
+
+    ToolProcess m_process;
+    std::vector<std::string> m_ports;
+    rapidjson::Document m_summary;
+};
+
+/// Runs a sender to its end and returns its report.
+rapidjson::Document send_media(const std::string& target, const std::vector<std::string>& options) {
+    std::vector<std::string> words{CORVALIN_MEDIA_SENDER_PATH, target, "--json"};
+    words.insert(words.end(), options.begin(), options.end());
+    ToolProcess sender(words);
+    EXPECT_EQ(sender.wait(), 0) << sender.err();
+    return parse_json(sender.out());
+}
+
+uint64_t garbage_of(const rapidjson::Document& report) {
+    uint64_t sum = 0;
+    for (const auto& kind : report["garbage"].GetObject()) {
+        EXPECT_GT(kind.value.GetUint64(), 0U) << kind.name.GetString();
+        sum += kind.value.GetUint64();
+    }
+    return sum;
+}
+
+TEST(MediaToolsTest, a_node_finds_the_packets_of_a_sender_complete_and_unchanged) {
+    for (const char* const order : {"round-robin", "random"}) {
+        NodeProcess node({"--verify-content"});
+        const auto report = send_media(node.port(), {"--sessions", "200", "--packets", "10", "--rate", "5000",
+                                                     "--order", order, "--live", "50", "--sockets", "3"});
+        EXPECT_EQ(number(report, "/start/datagrams"), 200U);
+        EXPECT_EQ(number(report, "/data/datagrams"), 2000U);
+        EXPECT_EQ(number(report, "/data/bytes"), 2000U * 376);
+        EXPECT_EQ(number(report, "/terminate/datagrams"), 200U);
+        EXPECT_EQ(node.stop(), 0) << in_json(node.summary());
+        EXPECT_EQ(node.total("start"), 200U);
+        EXPECT_EQ(node.total("data"), 2000U);
+        EXPECT_EQ(node.total("terminate"), 200U);
+        EXPECT_EQ(node.total("bytes"), number(report, "/total/bytes"));
+        EXPECT_EQ(node.total("sessions"), 200U);
+        EXPECT_EQ(node.total("ended_sessions"), 200U);
+        EXPECT_TRUE(node.summary()["clean"].GetBool());
+    }
+}
+
+TEST(MediaToolsTest, a_node_reports_injected_faults_and_exits_with_1) {
+    struct Case {
+        const char* description;
+        std::vector<std::string> options;
+        const char* injected; // in the sender's report
+        std::vector<std::string> seen;
+        std::vector<std::string> not_seen;
+    };
+    const Case cases[] = {
+        {"loss", {"--loss", "5"}, "/lost", {"missing"}, {"repeats", "after_end", "invalid", "changed"}},
+        {"duplicates",
+         {"--duplicate", "5"},
+         "/duplicated",
+         {"repeats"},
+         {"gaps", "missing", "after_end", "invalid", "changed"}},
+        {"order",
+         {"--reorder", "5"},
+         "/reordered",
+         {"gaps", "missing", "repeats"},
+         {"after_end", "invalid", "changed"}},
+    };
+    for (const Case& row : cases) {
+        NodeProcess node({"--verify-content"});
+        std::vector<std::string> options{"--sessions", "50",   "--packets",    "20",
+                                         "--rate",     "5000", "--spare-edges"};
+        options.insert(options.end(), row.options.begin(), row.options.end());
+        const auto report = send_media(node.port(), options);
+        const uint64_t injected = number(report, row.injected);
+        EXPECT_GT(injected, 0U) << row.description << in_json(report);
+        EXPECT_EQ(node.stop(), 1) << row.description;
+        for (const std::string& name : row.seen) {
+            EXPECT_EQ(node.total(name), injected) << row.description << ", " << name << in_json(report);
+        }
+        for (const std::string& name : row.not_seen) {
+            EXPECT_EQ(node.total(name), 0U) << row.description << ", " << name << in_json(report);
+        }
+        EXPECT_FALSE(node.summary()["clean"].GetBool()) << row.description;
+    }
+}
+
+TEST(MediaToolsTest, a_node_counts_garbage_as_invalid) {
+    NodeProcess node({"--verify-content"});
+    const auto report =
+        send_media(node.port(), {"--sessions", "50", "--packets", "20", "--rate", "5000", "--garbage", "50"});
+    EXPECT_EQ(node.stop(), 1);
+    EXPECT_EQ(node.total("invalid"), garbage_of(report)) << in_json(report);
+    EXPECT_EQ(node.total("gaps") + node.total("repeats") + node.total("changed"), 0U);
+    EXPECT_EQ(node.total("ended_sessions"), 50U);
+}
+
+TEST(MediaToolsTest, a_node_that_is_not_to_check_exits_with_0_and_still_reports) {
+    NodeProcess node({"--no-check"});
+    send_media(node.port(), {"--sessions", "5", "--packets", "20", "--duplicate", "100"});
+    EXPECT_EQ(node.stop(), 0);
+    EXPECT_EQ(node.total("repeats"), 5U * 22);
+}
+
+TEST(MediaToolsTest, a_changed_byte_is_seen_when_content_is_verified_only) {
+    for (const bool verify : {true, false}) {
+        NodeProcess node(verify ? std::vector<std::string>{"--verify-content"} : std::vector<std::string>{});
+        alignas(8) uint8_t bytes[media::PACKET_MAX_BYTES];
+        const std::size_t size = tools::write_start({}, {7, 1, 1000000}, bytes);
+        bytes[offset::RESERVED] ^= 1U;
+        sockaddr_in target{};
+        ASSERT_TRUE(tools::parse_endpoint(node.port(), target));
+        tools::UdpSocket socket;
+        socket.connect_to(target);
+        ASSERT_EQ(send(socket.fd(), bytes, size, 0), static_cast<ssize_t>(size));
+        EXPECT_EQ(node.stop(), verify ? 1 : 0);
+        EXPECT_EQ(node.total("changed"), verify ? 1U : 0U);
+    }
+}
+
+TEST(MediaToolsTest, a_node_checks_each_of_its_ports_for_itself) {
+    NodeProcess node({"--ports", "2", "--port", "0", "--port", "0"});
+    ASSERT_EQ(node.ports().size(), 4U);
+    EXPECT_EQ(std::set<std::string>(node.ports().begin(), node.ports().end()).size(), 4U);
+    send_media(node.ports()[1], {"--sessions", "2", "--packets", "3"});
+    send_media(node.ports()[3], {"--sessions", "2", "--packets", "3"}); // the same ids again
+    EXPECT_EQ(node.stop(), 0) << in_json(node.summary());
+    EXPECT_EQ(std::to_string(node.count("/ports/1/port")), node.ports()[1]);
+    for (const char* const path : {"/ports/1/counts/datagrams", "/ports/3/counts/datagrams"}) {
+        EXPECT_EQ(node.count(path), 10U) << path;
+    }
+    for (const char* const path : {"/ports/0/counts/datagrams", "/ports/2/counts/datagrams"}) {
+        EXPECT_EQ(node.count(path), 0U) << path;
+    }
+    EXPECT_EQ(node.total("sessions"), 4U);
+}
+
+TEST(MediaToolsTest, a_node_counts_without_a_check_when_it_discards) {
+    NodeProcess node({"--discard"});
+    const auto report = send_media(node.port(), {"--sessions", "50", "--packets", "20", "--duplicate", "10"});
+    EXPECT_EQ(node.stop(), 0);
+    EXPECT_EQ(node.total("datagrams"), number(report, "/total/datagrams"));
+    EXPECT_EQ(node.total("bytes"), number(report, "/total/bytes"));
+    EXPECT_FALSE(node.summary()["total"].HasMember("gaps")); // a zero would say that somebody looked
+    EXPECT_FALSE(node.summary().HasMember("clean"));
+}
+
+TEST(MediaToolsTest, a_node_counts_what_the_kernel_dropped) {
+    // It looks at its socket for the first time when it is stopped.
+    NodeProcess node({"--receive-buffer-bytes", "1", "--poll-interval-us", "60000000", "--no-check"});
+    const auto report = send_media(node.port(), {"--sessions", "100", "--packets", "10", "--rate", "0"});
+    EXPECT_EQ(node.stop(), 0);
+    EXPECT_GT(node.total("kernel_drops"), 0U);
+    EXPECT_EQ(node.total("kernel_drops") + node.total("datagrams"), number(report, "/total/datagrams"));
+}
+
+TEST(MediaToolsTest, a_node_ends_by_itself_when_it_is_told_so) {
+    struct Case {
+        const char* description;
+        std::vector<std::string> options;
+    };
+    const Case cases[] = {
+        {"after a number of datagrams", {"--packets", "12"}},
+        {"after a pause", {"--idle-exit", "50"}},
+        {"after a time", {"--duration", "0.3"}},
+    };
+    for (const Case& row : cases) {
+        NodeProcess node(row.options);
+        if (row.options[0] != "--duration") {
+            send_media(node.port(), {"--sessions", "1", "--packets", "10"});
+        }
+        EXPECT_EQ(node.wait(), 0) << row.description;
+        EXPECT_EQ(node.total("datagrams"), row.options[0] == "--duration" ? 0U : 12U) << row.description;
+    }
+}
+
+TEST(MediaToolsTest, a_sender_ends_its_sessions_when_its_time_is_over) {
+    NodeProcess node({"--verify-content"});
+    const auto report =
+        send_media(node.port(), {"--sessions", "20", "--endless", "--rate", "5000", "--duration", "0.2"});
+    EXPECT_EQ(node.stop(), 0) << in_json(node.summary());
+    EXPECT_EQ(node.total("ended_sessions"), 20U);
+    EXPECT_EQ(number(report, "/terminate/datagrams"), 20U);
+    EXPECT_GE(number(report, "/elapsed_ms"), 200U);
+    EXPECT_FALSE(report["interrupted"].GetBool());
+}
+
+TEST(MediaToolsTest, a_sender_reports_when_it_is_interrupted) {
+    NodeProcess node({"--packets", "100"});
+    ToolProcess sender({CORVALIN_MEDIA_SENDER_PATH, node.port(), "--json", "--endless", "--sessions", "20",
+                        "--duration", "100"});
+    EXPECT_EQ(node.wait(), 0);
+    sender.send_signal(SIGTERM);
+    EXPECT_EQ(sender.wait(), 0) << sender.err();
+    const auto report = parse_json(sender.out());
+    EXPECT_TRUE(report["interrupted"].GetBool());
+    EXPECT_GE(number(report, "/total/datagrams"), 100U);
+    EXPECT_EQ(number(report, "/terminate/datagrams"), 0U);
+}
+
+TEST(MediaToolsTest, sessions_may_be_sent_in_phases) {
+    NodeProcess node({"--verify-content"});
+    const std::vector<std::string> common{"--sessions", "30", "--id-base", "5000", "--rate", "5000"};
+    const auto phase = [&](std::vector<std::string> options) {
+        options.insert(options.end(), common.begin(), common.end());
+        return send_media(node.port(), options);
+    };
+    phase({"--no-terminate", "--packets", "0"});
+    phase({"--no-start", "--no-terminate", "--packets", "10", "--order", "random"});
+    phase({"--no-start", "--packets", "0", "--first-seq", "12"});
+    EXPECT_EQ(node.stop(), 0) << in_json(node.summary());
+    EXPECT_EQ(node.total("sessions"), 30U);
+    EXPECT_EQ(node.total("ended_sessions"), 30U);
+    EXPECT_EQ(node.total("data"), 300U);
+}
+
+TEST(MediaToolsTest, a_sender_is_not_faster_than_its_rate) {
+    for (const char* const interval : {"0", "1000"}) {
+        NodeProcess node({});
+        const auto report = send_media(node.port(), {"--sessions", "10", "--packets", "98", "--rate", "5000",
+                                                     "--burst-interval-us", interval});
+        // The last of 1000 packets is due 199.8 ms after the first, in bursts at the start of that interval.
+        EXPECT_GE(number(report, "/elapsed_ms"), 199U) << interval;
+        EXPECT_EQ(node.stop(), 0);
+    }
+}
+
+TEST(MediaToolsTest, a_seed_that_a_sender_printed_repeats_its_run) {
+    NodeProcess node({"--no-check"});
+    const std::vector<std::string> options{"--sessions",  "20",        "--packets", "20",        "--loss",
+                                           "10",          "--reorder", "10",        "--garbage", "10",
+                                           "--duplicate", "10",        "--rate",    "5000"};
+    const auto first = send_media(node.port(), options);
+    std::vector<std::string> again = options;
+    again.insert(again.end(), {"--seed", std::to_string(number(first, "/seed"))});
+    const auto second = send_media(node.port(), again);
+    for (const char* const name : {"total", "garbage", "lost", "duplicated", "reordered"}) {
+        EXPECT_EQ(in_json(first[name]), in_json(second[name])) << name;
+    }
+    node.stop();
+}
+
+TEST(MediaToolsTest, summaries_go_to_a_file_as_text_or_json) {
+    const TempDir temp;
+    const std::string file = (temp.path() / "summary").string();
+    ToolProcess text({CORVALIN_MEDIA_NODE_PATH, "--duration", "0.01", "--output", file});
+    EXPECT_EQ(text.wait(), 0) << text.err();
+    EXPECT_THAT(text.out(), testing::MatchesRegex("ports [0-9]+\n"));
+    EXPECT_THAT(read_file(file), HasSubstr("\nclean: yes\n"));
+
+    ToolProcess json({CORVALIN_MEDIA_NODE_PATH, "--duration", "0.01", "--output", file, "--json"});
+    EXPECT_EQ(json.wait(), 0) << json.err();
+    EXPECT_TRUE(parse_json(read_file(file))["clean"].GetBool());
+}
+
+TEST(MediaToolsTest, the_tools_tell_wrong_command_lines_from_failures) {
+    struct Case {
+        const char* description;
+        std::vector<std::string> words;
+        int status;
+        const char* out;
+        const char* err;
+    };
+    const std::string sender = CORVALIN_MEDIA_SENDER_PATH;
+    const std::string node = CORVALIN_MEDIA_NODE_PATH;
+    const std::string relay = CORVALIN_IMPAIRMENT_RELAY_PATH;
+    tools::UdpSocket taken;
+    sockaddr_in loopback{};
+    loopback.sin_family = AF_INET;
+    loopback.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    taken.bind_to(loopback);
+    const std::string port = std::to_string(taken.port());
+    const Case cases[] = {
+        {"sender help", {sender, "--help"}, 0, "Exit status:", ""},
+        {"node help", {node, "--help"}, 0, "Exit status:", ""},
+        {"relay help", {relay, "--help"}, 0, "Exit status:", ""},
+        {"sender version", {sender, "--version"}, 0, "corvalin_media_sender ", ""},
+        {"node version", {node, "--version"}, 0, "corvalin_media_node ", ""},
+        {"relay version", {relay, "--version"}, 0, "corvalin_impairment_relay ", ""},
+        {"sender without target", {sender}, 2, "", "target is required"},
+        {"sender with a bad target", {sender, "127.0.0.1:x"}, 2, "", "\"127.0.0.1:x\" is no PORT"},
+        {"unknown option", {sender, "5000", "--bad"}, 2, "", "--bad"},
+        {"a percentage above 100", {sender, "5000", "--loss", "101"}, 2, "", "--loss"},
+        {"an odd payload", {sender, "5000", "--payload-bytes", "3"}, 2, "", "must be even"},
+        {"a payload too long", {sender, "5000", "--payload-bytes", "1322"}, 2, "", "at most 1376 bytes"},
+        {"a datagram too short", {sender, "5000", "--datagram-bytes", "54"}, 2, "", "at least 56 bytes"},
+        {"nothing to send",
+         {sender, "5000", "--no-start", "--no-terminate", "--packets", "0"},
+         2,
+         "",
+         "nothing to send"},
+        {"node with a bad port", {node, "--port", "70000"}, 2, "", "--port"},
+        {"node with a bad address", {node, "--address", "nowhere"}, 2, "", "--address"},
+        {"relay without target", {relay}, 2, "", "target is required"},
+        {"relay with a delay of none",
+         {relay, "5000", "--delay", "5"},
+         2,
+         "",
+         "--delay needs --delay-max-us"},
+        {"relay with a reversed delay",
+         {relay, "5000", "--delay-min-us", "5"},
+         2,
+         "",
+         "--delay-min-us is above"},
+        {"node on a port in use", {node, "--port", port}, 1, "", "Address already in use"},
+        {"relay on a port in use", {relay, "5000", "--port", port}, 1, "", "Address already in use"},
+        {"node without a place for its summary",
+         {node, "--duration", "0.01", "--output", "/nonexistent/file"},
+         1,
+         "ports ",
+         "cannot write /nonexistent/file"},
+    };
+    for (const Case& row : cases) {
+        ToolProcess process(row.words);
+        EXPECT_EQ(process.wait(), row.status) << row.description << ": " << process.err();
+        EXPECT_THAT(process.out(), HasSubstr(row.out)) << row.description;
+        EXPECT_THAT(process.err(), HasSubstr(row.err)) << row.description;
+    }
+}
+
+class ImpairmentRelayTest : public testing::Test {
+protected:
+    static constexpr uint32_t DATAGRAMS = 200;
+
+    ImpairmentRelayTest() {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        m_receiver.set_receive_buffer_bytes(1U << 20U);
+        m_receiver.bind_to(address);
+    }
+
+    // Sends numbered datagrams through a relay, which ends after the last, and returns the numbers that came out.
+    std::vector<uint32_t> relay(std::vector<std::string> options) {
+        options.insert(options.begin(),
+                       {CORVALIN_IMPAIRMENT_RELAY_PATH, std::to_string(m_receiver.port()), "--json",
+                        "--packets", std::to_string(DATAGRAMS), "--duration", "100"});
+        ToolProcess process(options);
+        const std::string line = process.read_line();
+        sockaddr_in target{};
+        EXPECT_EQ(line.substr(0, 5), "port ") << process.err();
+        EXPECT_TRUE(tools::parse_endpoint(line.substr(5), target));
+        send_numbers(target);
+        EXPECT_EQ(process.wait(), 0) << process.err();
+        m_report = parse_json(process.out());
+        return receive_numbers();
+    }
+
+    static void send_numbers(const sockaddr_in& target) {
+        tools::UdpSocket sender;
+        sender.connect_to(target);
+        for (uint32_t number = 0; number < DATAGRAMS; ++number) {
+            EXPECT_EQ(send(sender.fd(), &number, sizeof(number), 0), static_cast<ssize_t>(sizeof(number)));
+        }
+    }
+
+    std::vector<uint32_t> receive_numbers() const {
+        std::vector<uint32_t> numbers;
+        uint32_t number = 0;
+        while (recv(m_receiver.fd(), &number, sizeof(number), MSG_DONTWAIT) == sizeof(number)) {
+            numbers.push_back(number);
+        }
+        return numbers;
+    }
+
+    static std::vector<uint32_t> all_numbers() {
+        std::vector<uint32_t> numbers(DATAGRAMS);
+        std::iota(numbers.begin(), numbers.end(), 0);
+        return numbers;
+    }
+
+    tools::UdpSocket m_receiver;
+    rapidjson::Document m_report;
+};
+
+TEST_F(ImpairmentRelayTest, forwards_everything_in_order_without_faults) {
+    EXPECT_EQ(relay({}), all_numbers());
+    EXPECT_EQ(number(m_report, "/received"), DATAGRAMS);
+    EXPECT_EQ(number(m_report, "/forwarded"), DATAGRAMS);
+}
+
+TEST_F(ImpairmentRelayTest, the_same_seed_makes_the_same_decisions_twice) {
+    const std::vector<std::string> options{"--loss", "10", "--duplicate", "10", "--reorder", "10", "--seed"};
+    const auto with_seed = [&options](const char* seed) {
+        std::vector<std::string> words = options;
+        words.emplace_back(seed);
+        return words;
+    };
+    const std::vector<uint32_t> first = relay(with_seed("77"));
+    EXPECT_GT(number(m_report, "/lost"), 0U);
+    EXPECT_GT(number(m_report, "/duplicated"), 0U);
+    EXPECT_GT(number(m_report, "/reordered"), 0U);
+    EXPECT_EQ(first.size(), number(m_report, "/forwarded"));
+    EXPECT_EQ(first.size(), DATAGRAMS - number(m_report, "/lost") + number(m_report, "/duplicated"));
+    EXPECT_FALSE(std::is_sorted(first.begin(), first.end()));
+    EXPECT_EQ(relay(with_seed("77")), first);
+    EXPECT_NE(relay(with_seed("78")), first);
+}
+
+TEST_F(ImpairmentRelayTest, prints_a_seed_that_repeats_the_run) {
+    const std::vector<uint32_t> first = relay({"--loss", "20"});
+    const std::string seed = std::to_string(number(m_report, "/seed"));
+    EXPECT_EQ(relay({"--loss", "20", "--seed", seed}), first);
+}
+
+TEST_F(ImpairmentRelayTest, delays_and_loses_none_of_the_delayed) {
+    std::vector<uint32_t> numbers =
+        relay({"--delay", "50", "--delay-min-us", "1000", "--delay-max-us", "20000", "--seed", "5"});
+    EXPECT_GT(number(m_report, "/delayed"), 0U);
+    EXPECT_FALSE(std::is_sorted(numbers.begin(), numbers.end()));
+    std::sort(numbers.begin(), numbers.end());
+    EXPECT_EQ(numbers, all_numbers());
+}
+
+TEST_F(ImpairmentRelayTest, a_node_behind_it_sees_its_faults) {
+    NodeProcess node({"--verify-content"});
+    ToolProcess relay({CORVALIN_IMPAIRMENT_RELAY_PATH, node.port(), "--json", "--duplicate", "10",
+                       "--packets", "440", "--duration", "100"});
+    send_media(relay.read_line().substr(5), {"--sessions", "20", "--packets", "20", "--rate", "5000"});
+    EXPECT_EQ(relay.wait(), 0) << relay.err();
+    const auto report = parse_json(relay.out());
+    EXPECT_EQ(node.stop(), 1);
+    EXPECT_GT(number(report, "/duplicated"), 0U) << in_json(report);
+    EXPECT_EQ(node.total("repeats"), number(report, "/duplicated")) << in_json(report);
+    EXPECT_EQ(node.total("gaps") + node.total("changed"), 0U);
 }
 
 } // namespace
