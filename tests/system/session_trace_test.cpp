@@ -160,7 +160,7 @@ TEST_F(SessionTraceTest, the_first_data_packet_of_an_unknown_session_warns_and_t
     EXPECT_TRUE(wait_for_trace(PACKET_WARNING, "WARNING | DATA  | mt: 31, uuid: " + UUID +
                                                    ", seq: 30, side: 9 | unknown session\n"));
     // Whatever their number: a zombie follows none.
-    for (const uint64_t seq : {30, 31, 5}) {
+    for (const uint64_t seq : {30u, 31u, 5u}) {
         send(data_packet().id(7).seq(seq).mt(31).bytes());
     }
     // A start packet that comes behind its own data finds the place taken.
@@ -303,7 +303,7 @@ TEST_F(SessionTimeoutTest, a_media_time_far_before_the_start_wraps_and_keeps_the
     // The audit stops at the first session that lives, which is the one in front.
     send(terminate_packet().id(7).seq(3).bytes());
     EXPECT_TRUE(syslog().wait_for(is_timeout).has_value());
-    for (const uint64_t seq : {1, 2, 1, 2, 3}) {
+    for (const uint64_t seq : {1u, 2u, 1u, 2u, 3u}) {
         EXPECT_EQ(seq_of(*writer().receive()), seq);
     }
     EXPECT_EQ(syslog().count(is_timeout), 1u);

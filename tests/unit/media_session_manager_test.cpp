@@ -202,7 +202,7 @@ TEST_F(MediaSessionManagerTest, a_start_packet_enters_a_session_and_calls_the_ho
 }
 
 TEST_F(MediaSessionManagerTest, new_sessions_go_to_the_back) {
-    for (const uint64_t id : {3, 1, 2}) {
+    for (const uint64_t id : {3u, 1u, 2u}) {
         start(start_packet().id(id));
     }
     EXPECT_THAT(m_manager->order(), ElementsAre(3, 1, 2));
@@ -338,7 +338,7 @@ TEST_F(MediaSessionManagerTest, a_dropped_packet_leaves_place_and_activity_of_it
 }
 
 TEST_F(MediaSessionManagerTest, an_accepted_packet_moves_its_session_to_the_back_wherever_it_stands) {
-    for (const uint64_t id : {1, 2, 3, 4}) {
+    for (const uint64_t id : {1u, 2u, 3u, 4u}) {
         start(start_packet().id(id).seq(1));
     }
     data(data_packet().id(1).seq(2)); // from the front
