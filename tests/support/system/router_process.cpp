@@ -30,6 +30,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr std::size_t SHOWN_LINES = 50; // of the log of a test that has failed
 constexpr const char* TIME_SHAPE = "dddd.dd.dd dd:dd:dd.dddddd | ";
 
 // "2026.11.14 17:26:05.004217 | " in front.
@@ -103,6 +104,15 @@ std::optional<int> descriptor_in_recv(pid_t process) {
         return std::nullopt;
     }
     return static_cast<int>(call->descriptor);
+}
+
+// A thread that is still on its way takes a signal away from the main thread: it looks for pending ones when it
+// unblocks them at its begin.
+bool is_at_rest(pid_t process) {
+    const std::vector<pid_t> threads = threads_of(process);
+    return !threads.empty() && std::all_of(threads.begin(), threads.end(), [process](pid_t thread) {
+        return blocking_call(process, thread).has_value();
+    });
 }
 
 std::vector<pid_t> children_of(pid_t process) {
@@ -215,23 +225,25 @@ RouterProcess::~RouterProcess() {
         kill();
     }
     if (::testing::Test::HasFailure()) {
-        std::cout << "log of the router:\n";
-        for (const std::string& line : m_error.lines()) {
-            std::cout << "    " << line << "\n";
+        std::cout << "end of the router's log:\n";
+        const std::vector<std::string> lines = m_error.lines();
+        for (std::size_t index = lines.size() - std::min(lines.size(), SHOWN_LINES); index < lines.size();
+             ++index) {
+            std::cout << "    " << lines[index] << "\n";
         }
     }
 }
 
 bool RouterProcess::wait_until_receiving() {
-    std::optional<int> descriptor;
+    bool receives = false;
     eventually([&] {
-        descriptor = descriptor_in_recv(m_pid);
-        return descriptor || !is_alive(m_pid);
+        receives = descriptor_in_recv(m_pid).has_value() && is_at_rest(m_pid);
+        return receives || !is_alive(m_pid);
     });
-    if (!descriptor) {
+    if (!receives) {
         ADD_FAILURE() << "the router does not receive";
     }
-    return descriptor.has_value();
+    return receives;
 }
 
 ReceiveSocket RouterProcess::receive_socket() {

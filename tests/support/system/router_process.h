@@ -93,8 +93,8 @@ public:
 
     pid_t pid() const { return m_pid; }
 
-    /// Waits until the main thread blocks in recv: from then on a signal interrupts it. False, and the test has
-    /// failed, if it does not come to that.
+    /// Waits until the main thread blocks in recv and all others block too: from then on a signal interrupts it,
+    /// since the kernel prefers the main thread. False, and the test has failed, if it does not come to that.
     bool wait_until_receiving();
     /// Of the process that receives. The first call waits until it does.
     ReceiveSocket receive_socket();
