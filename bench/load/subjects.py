@@ -1,0 +1,237 @@
+"""The processes of a load test: what is measured, what sends to it and what receives from it.
+
+All of them run in this process's network namespace, which should be one of its own: the ports are fixed, and
+nobody else's traffic is then in the counters.
+"""
+
+import dataclasses
+import glob
+import json
+import os
+import pathlib
+import resource
+import signal
+import subprocess
+import time
+
+NODE_PORT = 7100
+DATAGRAM_BYTES = 376
+START_LIMIT_S = 60  # the router waits for its broker before it opens its port
+SETTLE_S = 0.1  # several turns of the node, which looks for datagrams every millisecond
+SETTLE_LIMIT_S = 5
+REST_S = 0.5
+REST_LOAD = 0.1  # processors
+SEED = 20210101
+
+
+class LoadError(Exception):
+    """The load test cannot go on."""
+
+
+def udp_socket(port):
+    """(bytes in the receive buffer, datagrams dropped as it was full) of the local UDP port, None if not open."""
+    for line in pathlib.Path("/proc/net/udp").read_text().splitlines()[1:]:
+        fields = line.split()
+        if int(fields[1].split(":")[1], 16) == port:
+            return int(fields[4].split(":")[1], 16), int(fields[-1])
+    return None
+
+
+def udp_drops(port):
+    return udp_socket(port)[1]
+
+
+def wait_until_received(*ports):
+    """Until nothing waits at the ports, nor comes within a while."""
+    limit = time.monotonic() + SETTLE_LIMIT_S
+    time.sleep(SETTLE_S)
+    while any(udp_socket(port)[0] for port in ports) and time.monotonic() < limit:
+        time.sleep(SETTLE_S)
+
+
+def busy_seconds():
+    """Processor time of the machine, all processes and the kernel, since it started."""
+    user, nice, system, _idle, _iowait, irq, softirq, steal = map(
+        int, pathlib.Path("/proc/stat").read_text().split("\n", 1)[0].split()[1:9]
+    )
+    return (user + nice + system + irq + softirq + steal) / os.sysconf("SC_CLK_TCK")
+
+
+def wait_for_rest(limit_s):
+    """Until the machine does next to nothing for a while, but no longer than `limit_s`."""
+    limit = time.monotonic() + limit_s
+    while time.monotonic() < limit:
+        before = busy_seconds()
+        time.sleep(REST_S)
+        if busy_seconds() - before <= REST_LOAD * REST_S:
+            return
+
+
+def children_seconds():
+    usage = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return usage.ru_utime + usage.ru_stime
+
+
+class Subject:
+    """A forwarder whose processor time is measured."""
+
+    def __init__(self, name, port, command):
+        self.name = name
+        self.port = port
+        self.next_seq = 2
+        self._process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        limit = time.monotonic() + START_LIMIT_S
+        while udp_socket(port) is None:
+            if self._process.poll() is not None:
+                raise LoadError(f"{name} ended with status {self._process.returncode}: {' '.join(command)}")
+            if time.monotonic() > limit:
+                raise LoadError(f"{name} does not open port {port}")
+            time.sleep(0.05)
+
+    def cpu_ns(self):
+        """Processor time of all threads."""
+        tasks = glob.glob(f"/proc/{self._process.pid}/task/*/schedstat")
+        return sum(int(pathlib.Path(task).read_text().split()[0]) for task in tasks)
+
+    def resident_bytes(self):
+        for line in pathlib.Path(f"/proc/{self._process.pid}/status").read_text().splitlines():
+            if line.startswith("VmRSS:"):
+                return int(line.split()[1]) * 1024
+        raise LoadError(f"{self.name} has no resident set")
+
+    def stop(self):
+        self._process.terminate()
+        try:
+            self._process.wait(10)
+        except subprocess.TimeoutExpired:
+            self._process.kill()
+            self._process.wait()
+
+
+@dataclasses.dataclass
+class Run:
+    """What one load did."""
+
+    sent: int
+    received: int
+    cpu_ns: int
+    kernel_drops: int  # at the subject's port
+    node_drops: int  # at the node's port
+    sent_per_second: float
+    foreign_load: float  # processors that were busy with anything else
+
+    @property
+    def cpu_ns_per_packet(self):
+        return self.cpu_ns / self.received
+
+    @property
+    def loss(self):
+        return 1 - self.received / self.sent
+
+
+class Bench:
+    """Starts and ends the processes. Use it in a `with` statement."""
+
+    def __init__(self, build_dir, folder, patience_s=0):
+        """`patience_s`: how long to wait, ahead of each load, for the machine to come to rest."""
+        self._patience_s = patience_s
+        self._build_dir = pathlib.Path(build_dir)
+        self._folder = pathlib.Path(folder)
+        self._subjects = []
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for subject in self._subjects:
+            subject.stop()
+
+    def _start(self, name, port, command):
+        subject = Subject(name, port, [str(word) for word in command])
+        self._subjects.append(subject)
+        return subject
+
+    def start_router(self, name, port):
+        arguments = f"port={port},media_node=127.0.0.1:{NODE_PORT}"
+        return self._start(name, port, [self._build_dir / "router/corvalin_router", "--args", arguments])
+
+    def start_relay(self, port):
+        command = [self._build_dir / "bench/load/bare_relay", port, f"127.0.0.1:{NODE_PORT}"]
+        return self._start("bare relay", port, command)
+
+    def start_nginx(self, port):
+        """One worker that keeps a session for the sender's address, and no log: a plain forwarder."""
+        configuration = self._folder / "nginx.conf"
+        configuration.write_text(
+            f"""\
+load_module /usr/lib/nginx/modules/ngx_stream_module.so;
+daemon off;
+master_process off;
+worker_processes 1;
+pid {self._folder}/nginx.pid;
+error_log /dev/null crit;
+events {{
+    worker_connections 512;
+}}
+stream {{
+    access_log off;
+    server {{
+        listen 127.0.0.1:{port} udp;
+        proxy_pass 127.0.0.1:{NODE_PORT};
+    }}
+}}
+"""
+        )
+        return self._start("nginx", port, ["nginx", "-c", configuration, "-e", "/dev/null", "-p", self._folder])
+
+    def load(self, subject, *options):
+        """Sends to `subject` as `options` of the sender say, and waits until all has arrived that will."""
+        wait_for_rest(self._patience_s)
+        node_command = [self._build_dir / "tools/corvalin_media_node", "--port", NODE_PORT, "--discard", "--json"]
+        node = subprocess.Popen([str(word) for word in node_command], stdout=subprocess.PIPE, text=True)
+        try:
+            node.stdout.readline()  # the ports: it receives from here on
+            drops_before = udp_drops(subject.port)
+            cpu_before = subject.cpu_ns()
+            time_before, busy_before, children_before = time.monotonic(), busy_seconds(), children_seconds()
+            command = [self._build_dir / "tools/corvalin_media_sender", subject.port, "--json", "--flags", "media"]
+            command += ["--datagram-bytes", DATAGRAM_BYTES, "--no-terminate"]
+            command += ["--seed", SEED, *options]
+            sender = subprocess.run(
+                [str(word) for word in command],
+                stdout=subprocess.PIPE,
+                stderr=subprocess.DEVNULL,
+                text=True,
+                check=True,
+            )
+            wait_until_received(subject.port, NODE_PORT)
+            cpu_after = subject.cpu_ns()
+            seconds, busy = time.monotonic() - time_before, busy_seconds() - busy_before
+        finally:
+            node.send_signal(signal.SIGTERM)
+            report = node.communicate()[0]
+        own_seconds = children_seconds() - children_before + (cpu_after - cpu_before) / 1e9
+        sent = json.loads(sender.stdout)
+        counts = json.loads(report)["total"]
+        if counts["datagrams"] == 0:
+            raise LoadError(f"{subject.name} forwarded nothing")
+        return Run(
+            sent=sent["total"]["datagrams"],
+            received=counts["datagrams"],
+            cpu_ns=cpu_after - cpu_before,
+            kernel_drops=udp_drops(subject.port) - drops_before,
+            node_drops=counts["kernel_drops"],
+            sent_per_second=sent["datagrams_per_second"],
+            foreign_load=max(0.0, (busy - own_seconds) / seconds),
+        )
+
+    def create_sessions(self, subject, sessions, rate):
+        """Start packets only. Returns the share of them that was lost."""
+        return self.load(subject, "--sessions", sessions, "--packets", 0, "--rate", rate).loss
+
+    def send_data(self, subject, sessions, rate, seconds, *options):
+        """Data packets of sessions that exist. Their numbers go on where the last ones ended, or above."""
+        first_seq = subject.next_seq
+        subject.next_seq += int(rate * seconds) + 1
+        settings = ["--sessions", sessions, "--rate", rate, "--duration", seconds, "--first-seq", first_seq]
+        return self.load(subject, "--no-start", "--endless", *settings, *options)
