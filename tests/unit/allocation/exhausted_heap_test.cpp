@@ -1,0 +1,146 @@
+// What an exhausted heap does to sessions and zombies.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <new>
+#include <string>
+
+#include "corvalin_lib/log.h"
+#include "corvalin_lib/media_session.h"
+#include "corvalin_lib/media_session_manager.h"
+#include "router/routing_manager.h"
+#include "tests/support/captured_log.h"
+#include "tests/support/packet_builder.h"
+#include "tests/support/pooled_packet.h"
+#include "tests/unit/allocation/counted_heap.h"
+
+namespace {
+
+using namespace corvalin;
+using log::Level;
+using test::CapturedLog;
+using test::data_packet;
+using test::DEFAULT_UUID_TEXT;
+using test::pooled;
+using test::RefusedAllocation;
+using test::start_packet;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class Manager : public media::SessionManager {
+public:
+    explicit Manager(media::SessionManagerStatistic* statistic) : SessionManager(statistic) {}
+
+    void on_session_created(rc_ptr<media::Session> /*session*/, media::StartPacket& /*packet*/) override {
+        ++hooks;
+    }
+    uint64_t list_size() const { return m_sessions.size(); }
+    uint64_t table_size() const { return m_index.size(); }
+
+    int hooks = 0;
+};
+
+class ExhaustedHeapTest : public ::testing::Test {
+protected:
+    static std::string text(const char* what) {
+        return std::string("SESSION_MANAGER: ") + what + " " + DEFAULT_UUID_TEXT + " allocation failed";
+    }
+
+    media::SessionManagerStatistic m_statistic;
+    Manager m_manager{&m_statistic};
+    const CapturedLog m_log{Level::ERROR};
+};
+
+TEST_F(ExhaustedHeapTest, create_session_tells_of_any_failed_allocation_by_its_result) {
+    // First the session, then a call id that is too long to lie within it, in whatever order.
+    const auto buffer = pooled(start_packet().id(7).call_id(std::string(200, 'x')).bytes());
+    auto& packet = media::view_packet<media::StartPacket>(buffer->data);
+    for (const uint64_t good_allocations : {0u, 1u}) {
+        unsigned long result = 1;
+        const RefusedAllocation refused(good_allocations);
+        EXPECT_EQ(m_manager.create_session(packet, result), nullptr);
+        EXPECT_TRUE(RefusedAllocation::happened());
+        EXPECT_EQ(result, 0u);
+    }
+    unsigned long result = 1;
+    const RefusedAllocation refused(2);
+    const rc_ptr<media::Session> session(m_manager.create_session(packet, result));
+    EXPECT_NE(session.get(), nullptr);
+    EXPECT_EQ(result, 1u);
+}
+
+TEST_F(ExhaustedHeapTest, a_session_that_cannot_be_built_is_counted_reported_and_lost) {
+    const auto buffer = pooled(start_packet().id(7).bytes());
+    auto& packet = media::view_packet<media::StartPacket>(buffer->data);
+    {
+        const RefusedAllocation refused(0);
+        m_manager.on_packet(packet);
+    }
+    EXPECT_EQ(m_statistic.allocation_errors.value(), 1u);
+    EXPECT_THAT(m_log.texts(), ElementsAre(text("Session")));
+    EXPECT_EQ(m_manager.table_size(), 0u);
+    EXPECT_EQ(m_manager.list_size(), 0u);
+    EXPECT_EQ(m_manager.hooks, 0);
+    EXPECT_EQ(m_statistic.zombie_number.value(), 0u);
+
+    m_manager.on_packet(packet);
+    EXPECT_EQ(m_manager.hooks, 1) << "the heap is back";
+}
+
+TEST_F(ExhaustedHeapTest, a_zombie_that_cannot_be_built_is_counted_reported_and_tried_again) {
+    const auto buffer = pooled(data_packet().id(7).bytes());
+    auto& packet = media::view_packet<media::DataPacket>(buffer->data);
+    {
+        const RefusedAllocation refused(0, sizeof(media::Session));
+        m_manager.on_packet(packet);
+        ASSERT_TRUE(RefusedAllocation::happened());
+    }
+    EXPECT_EQ(m_statistic.allocation_errors.value(), 1u);
+    EXPECT_EQ(m_statistic.unknown_index_errors.value(), 1u);
+    EXPECT_EQ(m_statistic.zombie_number.value(), 0u);
+    EXPECT_EQ(m_manager.table_size(), 0u);
+    EXPECT_EQ(m_manager.list_size(), 0u);
+    EXPECT_THAT(m_log.texts(), ElementsAre(text("Zombie session")));
+    EXPECT_EQ(m_log.lines()[0].level, Level::ERROR);
+    EXPECT_EQ(m_log.lines()[0].file, "media_session_manager");
+
+    m_manager.on_packet(packet);
+    EXPECT_EQ(m_statistic.unknown_index_errors.value(), 2u);
+    EXPECT_EQ(m_statistic.zombie_number.value(), 1u);
+}
+
+TEST_F(ExhaustedHeapTest, a_failed_entry_in_the_list_or_the_table_is_not_caught) {
+    for (const uint64_t good_allocations : {1u, 2u}) { // behind the session: the list, then the table
+        Manager manager(&m_statistic);
+        const auto buffer = pooled(start_packet().id(7).bytes());
+        const RefusedAllocation refused(good_allocations);
+        EXPECT_THROW(manager.on_packet(media::view_packet<media::StartPacket>(buffer->data)), std::bad_alloc);
+        EXPECT_TRUE(RefusedAllocation::happened());
+        EXPECT_EQ(manager.hooks, 0);
+    }
+    EXPECT_EQ(m_statistic.allocation_errors.value(), 0u);
+    EXPECT_THAT(m_log.texts(), IsEmpty());
+}
+
+TEST_F(ExhaustedHeapTest, a_routed_session_that_cannot_be_built_has_been_logged_and_has_moved_the_rotation) {
+    net::Socket socket;
+    router::RoutingManager manager(&socket, &m_statistic);
+    manager.set_writer_hosts({net::make_host_addr("127.0.0.1", 1), net::make_host_addr("127.0.0.1", 2)});
+    const auto buffer = pooled(start_packet().id(7).flags(0x80).bytes());
+    auto& packet = media::view_packet<media::StartPacket>(buffer->data);
+    {
+        const RefusedAllocation refused(0, sizeof(router::RoutingSession));
+        manager.on_packet(packet);
+        ASSERT_TRUE(RefusedAllocation::happened());
+    }
+    EXPECT_EQ(m_statistic.allocation_errors.value(), 1u);
+    EXPECT_THAT(m_log.texts(Level::ERROR), ElementsAre(text("Session")));
+    manager.on_packet(packet);
+    const std::string assigned = std::string("ROUTING_MANAGER: ") + DEFAULT_UUID_TEXT + ": assigned hosts:";
+    EXPECT_THAT(m_log.texts(Level::SYSTEM),
+                ElementsAre(assigned + " 127.0.0.1:1", assigned + " 127.0.0.1:2"));
+    EXPECT_EQ(m_statistic.session_number.value(), 1u);
+}
+
+} // namespace
