@@ -9,7 +9,6 @@
 #include "corvalin_lib/log.h"
 #include "corvalin_lib/media_session.h"
 #include "corvalin_lib/media_session_manager.h"
-#include "router/routing_manager.h"
 #include "tests/support/captured_log.h"
 #include "tests/support/packet_builder.h"
 #include "tests/support/pooled_packet.h"
@@ -121,26 +120,6 @@ TEST_F(ExhaustedHeapTest, a_failed_entry_in_the_list_or_the_table_is_not_caught)
     }
     EXPECT_EQ(m_statistic.allocation_errors.value(), 0u);
     EXPECT_THAT(m_log.texts(), IsEmpty());
-}
-
-TEST_F(ExhaustedHeapTest, a_routed_session_that_cannot_be_built_has_been_logged_and_has_moved_the_rotation) {
-    net::Socket socket;
-    router::RoutingManager manager(&socket, &m_statistic);
-    manager.set_writer_hosts({net::make_host_addr("127.0.0.1", 1), net::make_host_addr("127.0.0.1", 2)});
-    const auto buffer = pooled(start_packet().id(7).flags(0x80).bytes());
-    auto& packet = media::view_packet<media::StartPacket>(buffer->data);
-    {
-        const RefusedAllocation refused(0, sizeof(router::RoutingSession));
-        manager.on_packet(packet);
-        ASSERT_TRUE(RefusedAllocation::happened());
-    }
-    EXPECT_EQ(m_statistic.allocation_errors.value(), 1u);
-    EXPECT_THAT(m_log.texts(Level::ERROR), ElementsAre(text("Session")));
-    manager.on_packet(packet);
-    const std::string assigned = std::string("ROUTING_MANAGER: ") + DEFAULT_UUID_TEXT + ": assigned hosts:";
-    EXPECT_THAT(m_log.texts(Level::SYSTEM),
-                ElementsAre(assigned + " 127.0.0.1:1", assigned + " 127.0.0.1:2"));
-    EXPECT_EQ(m_statistic.session_number.value(), 1u);
 }
 
 } // namespace
