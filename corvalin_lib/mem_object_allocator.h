@@ -75,7 +75,7 @@ private:
     static_assert(alignof(T) <= 8 && sizeof(Item) == (sizeof(T) + 1 + 7) / 8 * 8);
 
     // That of a huge page, so that the whole block can lie in them.
-    static constexpr std::align_val_t BLOCK_ALIGNMENT{2 * 1024 * 1024};
+    static constexpr std::align_val_t BLOCK_ALIGNMENT{2UL * 1024 * 1024};
 
     // Set at construction.
     Item* m_items;   // m_storage

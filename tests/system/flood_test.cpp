@@ -169,7 +169,7 @@ TEST_F(FloodTest, a_flood_of_half_valid_datagrams_leaves_the_router_alive_and_ev
     constexpr uint64_t POOL_KB = 211200000 / 1024;
     constexpr uint64_t RING_KB = 100000 * 8 / 1024;
     constexpr uint64_t TABLE_KB = IDS * 450 / 1024;
-    constexpr uint64_t PROGRAM_KB = 32 * 1024; // code, libraries and stacks
+    constexpr uint64_t PROGRAM_KB = 32UL * 1024; // code, libraries and stacks
     const uint64_t peak_kb = status_kilobytes(router().pid(), "VmHWM");
     std::cout << "    peak of the memory in use: " << peak_kb << " kB\n";
     EXPECT_LE(peak_kb, POOL_KB + RING_KB + TABLE_KB + PROGRAM_KB);

@@ -7,10 +7,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <rapidjson/document.h>
-#include <rapidjson/pointer.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include <algorithm>
 #include <csignal>
@@ -22,9 +18,11 @@
 #include <string>
 #include <vector>
 
+#include "corvalin_lib/json.h"
 #include "corvalin_lib/media_packet.h"
 #include "tests/support/packet_builder.h"
 #include "tests/support/tool_process.h"
+#include "tools/tool_support/garbage.h"
 #include "tools/tool_support/media_stream.h"
 #include "tools/tool_support/private_paths.h"
 #include "tools/tool_support/udp_batch.h"
@@ -259,32 +257,61 @@ TEST_F(PrivateRunTest, can_be_entered_by_a_forked_child) {
     EXPECT_EQ(status, 0);
 }
 
-std::string in_json(const rapidjson::Value& value) {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-    value.Accept(writer);
-    return buffer.GetString();
-}
-
-rapidjson::Document parse_json(const std::string& text) {
-    rapidjson::Document document;
-    document.Parse(text.c_str());
-    if (document.HasParseError() || !document.IsObject()) {
-        ADD_FAILURE() << "no JSON object: " << text;
-        document.SetObject();
+/// What a tool reported in JSON.
+class Report {
+public:
+    Report() = default;
+    explicit Report(const std::string& text) : m_text(text) {
+        m_json.Parse(text.c_str());
+        if (m_json.HasParseError() || !m_json.IsObject()) {
+            ADD_FAILURE() << "no JSON object: " << text;
+            m_json.SetObject();
+        }
     }
-    return document;
-}
 
-/// The number at "/a/b/0/c"; fails the test where there is none.
-uint64_t number(const rapidjson::Document& document, const char* path) {
-    const rapidjson::Value* const value = rapidjson::Pointer(path).Get(document);
-    if (value == nullptr || !value->IsUint64()) {
-        ADD_FAILURE() << "no number " << path << " in " << in_json(document);
-        return 0;
+    /// The number at "a/b/0/c"; fails the test where there is none.
+    uint64_t number(const std::string& path) const {
+        const rapidjson::Value* const value = find(path);
+        if (value == nullptr || !value->IsUint64()) {
+            ADD_FAILURE() << "no number " << path << " in " << m_text;
+            return 0;
+        }
+        return value->GetUint64();
     }
-    return value->GetUint64();
-}
+    bool flag(const std::string& path) const {
+        const rapidjson::Value* const value = find(path);
+        if (value == nullptr || !value->IsBool()) {
+            ADD_FAILURE() << "no flag " << path << " in " << m_text;
+            return false;
+        }
+        return value->GetBool();
+    }
+    bool has(const std::string& path) const { return find(path) != nullptr; }
+    /// For failure messages.
+    const std::string& text() const { return m_text; }
+
+private:
+    const rapidjson::Value* find(const std::string& path) const {
+        const rapidjson::Value* value = &m_json;
+        std::istringstream names(path);
+        std::string name;
+        while (value != nullptr && std::getline(names, name, '/')) {
+            value = child(*value, name);
+        }
+        return value;
+    }
+    static const rapidjson::Value* child(const rapidjson::Value& value, const std::string& name) {
+        if (value.IsObject()) {
+            const auto member = value.FindMember(name.c_str());
+            return member == value.MemberEnd() ? nullptr : &member->value;
+        }
+        const auto index = static_cast<rapidjson::SizeType>(std::stoul(name));
+        return value.IsArray() && index < value.Size() ? &value[index] : nullptr;
+    }
+
+    std::string m_text;
+    rapidjson::Document m_json;
+};
 
 /// A media node that reports in JSON when it ends.
 class NodeProcess {
@@ -310,12 +337,11 @@ public:
     }
     int wait() {
         const int status = m_process.wait();
-        m_summary = parse_json(m_process.out());
+        m_summary = Report(m_process.out());
         return status;
     }
-    uint64_t count(const char* path) const { return number(m_summary, path); }
-    uint64_t total(const std::string& name) const { return number(m_summary, ("/total/" + name).c_str()); }
-    const rapidjson::Document& summary() const { return m_summary; }
+    uint64_t total(const std::string& name) const { return m_summary.number("total/" + name); }
+    const Report& summary() const { return m_summary; }
 
 private:
     static std::vector<std::string> command(const std::vector<std::string>& options) {
@@ -330,23 +356,24 @@ private:
 
     ToolProcess m_process;
     std::vector<std::string> m_ports;
-    rapidjson::Document m_summary;
+    Report m_summary;
 };
 
 /// Runs a sender to its end and returns its report.
-rapidjson::Document send_media(const std::string& target, const std::vector<std::string>& options) {
+Report send_media(const std::string& target, const std::vector<std::string>& options) {
     std::vector<std::string> words{CORVALIN_MEDIA_SENDER_PATH, target, "--json"};
     words.insert(words.end(), options.begin(), options.end());
     ToolProcess sender(words);
     EXPECT_EQ(sender.wait(), 0) << sender.err();
-    return parse_json(sender.out());
+    return Report(sender.out());
 }
 
-uint64_t garbage_of(const rapidjson::Document& report) {
+uint64_t garbage_of(const Report& report) {
     uint64_t sum = 0;
-    for (const auto& kind : report["garbage"].GetObject()) {
-        EXPECT_GT(kind.value.GetUint64(), 0U) << kind.name.GetString();
-        sum += kind.value.GetUint64();
+    for (const char* const kind : tools::GARBAGE_NAMES) {
+        const uint64_t count = report.number(std::string("garbage/") + kind);
+        EXPECT_GT(count, 0U) << kind;
+        sum += count;
     }
     return sum;
 }
@@ -356,18 +383,18 @@ TEST(MediaToolsTest, a_node_finds_the_packets_of_a_sender_complete_and_unchanged
         NodeProcess node({"--verify-content"});
         const auto report = send_media(node.port(), {"--sessions", "200", "--packets", "10", "--rate", "5000",
                                                      "--order", order, "--live", "50", "--sockets", "3"});
-        EXPECT_EQ(number(report, "/start/datagrams"), 200U);
-        EXPECT_EQ(number(report, "/data/datagrams"), 2000U);
-        EXPECT_EQ(number(report, "/data/bytes"), 2000U * 376);
-        EXPECT_EQ(number(report, "/terminate/datagrams"), 200U);
-        EXPECT_EQ(node.stop(), 0) << in_json(node.summary());
+        EXPECT_EQ(report.number("start/datagrams"), 200U);
+        EXPECT_EQ(report.number("data/datagrams"), 2000U);
+        EXPECT_EQ(report.number("data/bytes"), 2000U * 376);
+        EXPECT_EQ(report.number("terminate/datagrams"), 200U);
+        EXPECT_EQ(node.stop(), 0) << node.summary().text();
         EXPECT_EQ(node.total("start"), 200U);
         EXPECT_EQ(node.total("data"), 2000U);
         EXPECT_EQ(node.total("terminate"), 200U);
-        EXPECT_EQ(node.total("bytes"), number(report, "/total/bytes"));
+        EXPECT_EQ(node.total("bytes"), report.number("total/bytes"));
         EXPECT_EQ(node.total("sessions"), 200U);
         EXPECT_EQ(node.total("ended_sessions"), 200U);
-        EXPECT_TRUE(node.summary()["clean"].GetBool());
+        EXPECT_TRUE(node.summary().flag("clean"));
     }
 }
 
@@ -380,15 +407,15 @@ TEST(MediaToolsTest, a_node_reports_injected_faults_and_exits_with_1) {
         std::vector<std::string> not_seen;
     };
     const Case cases[] = {
-        {"loss", {"--loss", "5"}, "/lost", {"missing"}, {"repeats", "after_end", "invalid", "changed"}},
+        {"loss", {"--loss", "5"}, "lost", {"missing"}, {"repeats", "after_end", "invalid", "changed"}},
         {"duplicates",
          {"--duplicate", "5"},
-         "/duplicated",
+         "duplicated",
          {"repeats"},
          {"gaps", "missing", "after_end", "invalid", "changed"}},
         {"order",
          {"--reorder", "5"},
-         "/reordered",
+         "reordered",
          {"gaps", "missing", "repeats"},
          {"after_end", "invalid", "changed"}},
     };
@@ -398,16 +425,16 @@ TEST(MediaToolsTest, a_node_reports_injected_faults_and_exits_with_1) {
                                          "--rate",     "5000", "--spare-edges"};
         options.insert(options.end(), row.options.begin(), row.options.end());
         const auto report = send_media(node.port(), options);
-        const uint64_t injected = number(report, row.injected);
-        EXPECT_GT(injected, 0U) << row.description << in_json(report);
+        const uint64_t injected = report.number(row.injected);
+        EXPECT_GT(injected, 0U) << row.description << report.text();
         EXPECT_EQ(node.stop(), 1) << row.description;
         for (const std::string& name : row.seen) {
-            EXPECT_EQ(node.total(name), injected) << row.description << ", " << name << in_json(report);
+            EXPECT_EQ(node.total(name), injected) << row.description << ", " << name << report.text();
         }
         for (const std::string& name : row.not_seen) {
-            EXPECT_EQ(node.total(name), 0U) << row.description << ", " << name << in_json(report);
+            EXPECT_EQ(node.total(name), 0U) << row.description << ", " << name << report.text();
         }
-        EXPECT_FALSE(node.summary()["clean"].GetBool()) << row.description;
+        EXPECT_FALSE(node.summary().flag("clean")) << row.description;
     }
 }
 
@@ -416,7 +443,7 @@ TEST(MediaToolsTest, a_node_counts_garbage_as_invalid) {
     const auto report =
         send_media(node.port(), {"--sessions", "50", "--packets", "20", "--rate", "5000", "--garbage", "50"});
     EXPECT_EQ(node.stop(), 1);
-    EXPECT_EQ(node.total("invalid"), garbage_of(report)) << in_json(report);
+    EXPECT_EQ(node.total("invalid"), garbage_of(report)) << report.text();
     EXPECT_EQ(node.total("gaps") + node.total("repeats") + node.total("changed"), 0U);
     EXPECT_EQ(node.total("ended_sessions"), 50U);
 }
@@ -450,13 +477,13 @@ TEST(MediaToolsTest, a_node_checks_each_of_its_ports_for_itself) {
     EXPECT_EQ(std::set<std::string>(node.ports().begin(), node.ports().end()).size(), 4U);
     send_media(node.ports()[1], {"--sessions", "2", "--packets", "3"});
     send_media(node.ports()[3], {"--sessions", "2", "--packets", "3"}); // the same ids again
-    EXPECT_EQ(node.stop(), 0) << in_json(node.summary());
-    EXPECT_EQ(std::to_string(node.count("/ports/1/port")), node.ports()[1]);
-    for (const char* const path : {"/ports/1/counts/datagrams", "/ports/3/counts/datagrams"}) {
-        EXPECT_EQ(node.count(path), 10U) << path;
+    EXPECT_EQ(node.stop(), 0) << node.summary().text();
+    EXPECT_EQ(std::to_string(node.summary().number("ports/1/port")), node.ports()[1]);
+    for (const char* const path : {"ports/1/counts/datagrams", "ports/3/counts/datagrams"}) {
+        EXPECT_EQ(node.summary().number(path), 10U) << path;
     }
-    for (const char* const path : {"/ports/0/counts/datagrams", "/ports/2/counts/datagrams"}) {
-        EXPECT_EQ(node.count(path), 0U) << path;
+    for (const char* const path : {"ports/0/counts/datagrams", "ports/2/counts/datagrams"}) {
+        EXPECT_EQ(node.summary().number(path), 0U) << path;
     }
     EXPECT_EQ(node.total("sessions"), 4U);
 }
@@ -465,10 +492,10 @@ TEST(MediaToolsTest, a_node_counts_without_a_check_when_it_discards) {
     NodeProcess node({"--discard"});
     const auto report = send_media(node.port(), {"--sessions", "50", "--packets", "20", "--duplicate", "10"});
     EXPECT_EQ(node.stop(), 0);
-    EXPECT_EQ(node.total("datagrams"), number(report, "/total/datagrams"));
-    EXPECT_EQ(node.total("bytes"), number(report, "/total/bytes"));
-    EXPECT_FALSE(node.summary()["total"].HasMember("gaps")); // a zero would say that somebody looked
-    EXPECT_FALSE(node.summary().HasMember("clean"));
+    EXPECT_EQ(node.total("datagrams"), report.number("total/datagrams"));
+    EXPECT_EQ(node.total("bytes"), report.number("total/bytes"));
+    EXPECT_FALSE(node.summary().has("total/gaps")); // a zero would say that somebody looked
+    EXPECT_FALSE(node.summary().has("clean"));
 }
 
 TEST(MediaToolsTest, a_node_counts_what_the_kernel_dropped) {
@@ -477,7 +504,7 @@ TEST(MediaToolsTest, a_node_counts_what_the_kernel_dropped) {
     const auto report = send_media(node.port(), {"--sessions", "100", "--packets", "10", "--rate", "0"});
     EXPECT_EQ(node.stop(), 0);
     EXPECT_GT(node.total("kernel_drops"), 0U);
-    EXPECT_EQ(node.total("kernel_drops") + node.total("datagrams"), number(report, "/total/datagrams"));
+    EXPECT_EQ(node.total("kernel_drops") + node.total("datagrams"), report.number("total/datagrams"));
 }
 
 TEST(MediaToolsTest, a_node_ends_by_itself_when_it_is_told_so) {
@@ -504,11 +531,11 @@ TEST(MediaToolsTest, a_sender_ends_its_sessions_when_its_time_is_over) {
     NodeProcess node({"--verify-content"});
     const auto report =
         send_media(node.port(), {"--sessions", "20", "--endless", "--rate", "5000", "--duration", "0.2"});
-    EXPECT_EQ(node.stop(), 0) << in_json(node.summary());
+    EXPECT_EQ(node.stop(), 0) << node.summary().text();
     EXPECT_EQ(node.total("ended_sessions"), 20U);
-    EXPECT_EQ(number(report, "/terminate/datagrams"), 20U);
-    EXPECT_GE(number(report, "/elapsed_ms"), 200U);
-    EXPECT_FALSE(report["interrupted"].GetBool());
+    EXPECT_EQ(report.number("terminate/datagrams"), 20U);
+    EXPECT_GE(report.number("elapsed_ms"), 200U);
+    EXPECT_FALSE(report.flag("interrupted"));
 }
 
 TEST(MediaToolsTest, a_sender_reports_when_it_is_interrupted) {
@@ -518,10 +545,10 @@ TEST(MediaToolsTest, a_sender_reports_when_it_is_interrupted) {
     EXPECT_EQ(node.wait(), 0);
     sender.send_signal(SIGTERM);
     EXPECT_EQ(sender.wait(), 0) << sender.err();
-    const auto report = parse_json(sender.out());
-    EXPECT_TRUE(report["interrupted"].GetBool());
-    EXPECT_GE(number(report, "/total/datagrams"), 100U);
-    EXPECT_EQ(number(report, "/terminate/datagrams"), 0U);
+    const auto report = Report(sender.out());
+    EXPECT_TRUE(report.flag("interrupted"));
+    EXPECT_GE(report.number("total/datagrams"), 100U);
+    EXPECT_EQ(report.number("terminate/datagrams"), 0U);
 }
 
 TEST(MediaToolsTest, sessions_may_be_sent_in_phases) {
@@ -534,7 +561,7 @@ TEST(MediaToolsTest, sessions_may_be_sent_in_phases) {
     phase({"--no-terminate", "--packets", "0"});
     phase({"--no-start", "--no-terminate", "--packets", "10", "--order", "random"});
     phase({"--no-start", "--packets", "0", "--first-seq", "12"});
-    EXPECT_EQ(node.stop(), 0) << in_json(node.summary());
+    EXPECT_EQ(node.stop(), 0) << node.summary().text();
     EXPECT_EQ(node.total("sessions"), 30U);
     EXPECT_EQ(node.total("ended_sessions"), 30U);
     EXPECT_EQ(node.total("data"), 300U);
@@ -546,7 +573,7 @@ TEST(MediaToolsTest, a_sender_is_not_faster_than_its_rate) {
         const auto report = send_media(node.port(), {"--sessions", "10", "--packets", "98", "--rate", "5000",
                                                      "--burst-interval-us", interval});
         // The last of 1000 packets is due 199.8 ms after the first, in bursts at the start of that interval.
-        EXPECT_GE(number(report, "/elapsed_ms"), 199U) << interval;
+        EXPECT_GE(report.number("elapsed_ms"), 199U) << interval;
         EXPECT_EQ(node.stop(), 0);
     }
 }
@@ -558,10 +585,11 @@ TEST(MediaToolsTest, a_seed_that_a_sender_printed_repeats_its_run) {
                                            "--duplicate", "10",        "--rate",    "5000"};
     const auto first = send_media(node.port(), options);
     std::vector<std::string> again = options;
-    again.insert(again.end(), {"--seed", std::to_string(number(first, "/seed"))});
+    again.insert(again.end(), {"--seed", std::to_string(first.number("seed"))});
     const auto second = send_media(node.port(), again);
-    for (const char* const name : {"total", "garbage", "lost", "duplicated", "reordered"}) {
-        EXPECT_EQ(in_json(first[name]), in_json(second[name])) << name;
+    EXPECT_EQ(garbage_of(first), garbage_of(second));
+    for (const char* const name : {"total/datagrams", "total/bytes", "lost", "duplicated", "reordered"}) {
+        EXPECT_EQ(first.number(name), second.number(name)) << name;
     }
     node.stop();
 }
@@ -576,7 +604,7 @@ TEST(MediaToolsTest, summaries_go_to_a_file_as_text_or_json) {
 
     ToolProcess json({CORVALIN_MEDIA_NODE_PATH, "--duration", "0.01", "--output", file, "--json"});
     EXPECT_EQ(json.wait(), 0) << json.err();
-    EXPECT_TRUE(parse_json(read_file(file))["clean"].GetBool());
+    EXPECT_TRUE(Report(read_file(file)).flag("clean"));
 }
 
 TEST(MediaToolsTest, the_tools_tell_wrong_command_lines_from_failures) {
@@ -668,7 +696,7 @@ protected:
         EXPECT_TRUE(tools::parse_endpoint(line.substr(5), target));
         send_numbers(target);
         EXPECT_EQ(process.wait(), 0) << process.err();
-        m_report = parse_json(process.out());
+        m_report = Report(process.out());
         return receive_numbers();
     }
 
@@ -696,13 +724,13 @@ protected:
     }
 
     tools::UdpSocket m_receiver;
-    rapidjson::Document m_report;
+    Report m_report;
 };
 
 TEST_F(ImpairmentRelayTest, forwards_everything_in_order_without_faults) {
     EXPECT_EQ(relay({}), all_numbers());
-    EXPECT_EQ(number(m_report, "/received"), DATAGRAMS);
-    EXPECT_EQ(number(m_report, "/forwarded"), DATAGRAMS);
+    EXPECT_EQ(m_report.number("received"), DATAGRAMS);
+    EXPECT_EQ(m_report.number("forwarded"), DATAGRAMS);
 }
 
 TEST_F(ImpairmentRelayTest, the_same_seed_makes_the_same_decisions_twice) {
@@ -713,11 +741,11 @@ TEST_F(ImpairmentRelayTest, the_same_seed_makes_the_same_decisions_twice) {
         return words;
     };
     const std::vector<uint32_t> first = relay(with_seed("77"));
-    EXPECT_GT(number(m_report, "/lost"), 0U);
-    EXPECT_GT(number(m_report, "/duplicated"), 0U);
-    EXPECT_GT(number(m_report, "/reordered"), 0U);
-    EXPECT_EQ(first.size(), number(m_report, "/forwarded"));
-    EXPECT_EQ(first.size(), DATAGRAMS - number(m_report, "/lost") + number(m_report, "/duplicated"));
+    EXPECT_GT(m_report.number("lost"), 0U);
+    EXPECT_GT(m_report.number("duplicated"), 0U);
+    EXPECT_GT(m_report.number("reordered"), 0U);
+    EXPECT_EQ(first.size(), m_report.number("forwarded"));
+    EXPECT_EQ(first.size(), DATAGRAMS - m_report.number("lost") + m_report.number("duplicated"));
     EXPECT_FALSE(std::is_sorted(first.begin(), first.end()));
     EXPECT_EQ(relay(with_seed("77")), first);
     EXPECT_NE(relay(with_seed("78")), first);
@@ -725,14 +753,14 @@ TEST_F(ImpairmentRelayTest, the_same_seed_makes_the_same_decisions_twice) {
 
 TEST_F(ImpairmentRelayTest, prints_a_seed_that_repeats_the_run) {
     const std::vector<uint32_t> first = relay({"--loss", "20"});
-    const std::string seed = std::to_string(number(m_report, "/seed"));
+    const std::string seed = std::to_string(m_report.number("seed"));
     EXPECT_EQ(relay({"--loss", "20", "--seed", seed}), first);
 }
 
 TEST_F(ImpairmentRelayTest, delays_and_loses_none_of_the_delayed) {
     std::vector<uint32_t> numbers =
         relay({"--delay", "50", "--delay-min-us", "1000", "--delay-max-us", "20000", "--seed", "5"});
-    EXPECT_GT(number(m_report, "/delayed"), 0U);
+    EXPECT_GT(m_report.number("delayed"), 0U);
     EXPECT_FALSE(std::is_sorted(numbers.begin(), numbers.end()));
     std::sort(numbers.begin(), numbers.end());
     EXPECT_EQ(numbers, all_numbers());
@@ -744,10 +772,10 @@ TEST_F(ImpairmentRelayTest, a_node_behind_it_sees_its_faults) {
                        "--packets", "440", "--duration", "100"});
     send_media(relay.read_line().substr(5), {"--sessions", "20", "--packets", "20", "--rate", "5000"});
     EXPECT_EQ(relay.wait(), 0) << relay.err();
-    const auto report = parse_json(relay.out());
+    const auto report = Report(relay.out());
     EXPECT_EQ(node.stop(), 1);
-    EXPECT_GT(number(report, "/duplicated"), 0U) << in_json(report);
-    EXPECT_EQ(node.total("repeats"), number(report, "/duplicated")) << in_json(report);
+    EXPECT_GT(report.number("duplicated"), 0U) << report.text();
+    EXPECT_EQ(node.total("repeats"), report.number("duplicated")) << report.text();
     EXPECT_EQ(node.total("gaps") + node.total("changed"), 0U);
 }
 

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <barrier>
 #include <functional>
+#include <memory>
 #include <numeric>
 #include <thread>
 #include <type_traits>
@@ -203,11 +204,11 @@ TEST_F(ReferenceCountableTest, a_detached_object_keeps_its_count_for_the_new_own
 TEST_F(ReferenceCountableTest, a_release_below_zero_leaves_the_object_alone_and_reports_it_each_time) {
     const CapturedLog captured;
     {
-        Counted object(m_destroyed);
-        object.release_reference();
-        EXPECT_EQ(object.reference_count(), -1);
-        object.release_reference();
-        EXPECT_EQ(object.reference_count(), -2);
+        const auto object = std::make_unique<Counted>(m_destroyed);
+        object->release_reference();
+        EXPECT_EQ(object->reference_count(), -1);
+        object->release_reference();
+        EXPECT_EQ(object->reference_count(), -2);
         EXPECT_EQ(m_destroyed, 0);
     }
     EXPECT_THAT(captured.texts(corvalin::log::Level::ERROR), ElementsAre(NEGATIVE_COUNT, NEGATIVE_COUNT));

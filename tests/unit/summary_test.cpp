@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <rapidjson/document.h>
+#include "corvalin_lib/json.h"
 
 namespace corvalin::tools {
 namespace {

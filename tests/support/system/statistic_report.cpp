@@ -61,7 +61,8 @@ std::string header_of(const std::string& title) {
 template <std::size_t N>
 std::string section_of(const char* const (&labels)[N], const Counters& counters) {
     std::string text;
-    for (const std::string label : labels) {
+    for (const char* const row : labels) {
+        const std::string label = row;
         text += line_of(label.empty() ? "" : label + std::to_string(counters.at(key_of(label))));
     }
     return text;
