@@ -158,6 +158,33 @@ TEST_F(RoutingManagerFaultTest, a_session_that_the_heap_refuses_is_counted_and_h
     }
 }
 
+// A line of the log that the heap cuts short is no failure, so some of the refusals leave a session.
+TEST_F(RoutingManagerFaultTest, a_heap_that_is_exhausted_anywhere_in_create_session_is_never_an_exception) {
+    // Longer than what a string holds within itself, so that the copies of the hosts allocate.
+    m_manager.set_writer_hosts({net::make_host_addr("writer.node.with.a.long.name", m_port)});
+    m_manager.set_media_hosts({net::make_host_addr("media.node.with.a.long.name", m_port)});
+    auto& packet = start(1, long_call_id);
+    uint64_t granted = 0;
+    uint64_t failed = 0;
+    for (bool has_happened = true; has_happened; ++granted) {
+        SCOPED_TRACE(granted);
+        unsigned long result = 1;
+        rc_ptr<media::Session> session;
+        {
+            const RefusedAllocation refused(granted);
+            session = m_manager.create_session(packet, result);
+            has_happened = refused.has_happened();
+        }
+        EXPECT_EQ(result, session ? 1u : 0u);
+        if (session) {
+            EXPECT_EQ(dynamic_cast<router::RoutingSession&>(*session).m_hosts.size(), 2u);
+        } else {
+            ++failed;
+        }
+    }
+    EXPECT_GE(failed, 6u); // two names, two entries of the list, the session and its call id
+}
+
 TEST_F(RoutingManagerFaultTest, create_session_does_not_catch_a_deadlock_of_the_lock) {
     unsigned long result = 1;
     const CapturedLog log;
