@@ -30,12 +30,18 @@ Pipe make_pipe() {
 
 } // namespace
 
-ToolProcess::ToolProcess(std::vector<std::string> arguments) {
+ToolProcess::ToolProcess(std::vector<std::string> arguments, Input input) {
     const Pipe out = make_pipe();
     const Pipe err = make_pipe();
+    Pipe in{-1, -1};
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    if (input == Input::LINES) {
+        in = make_pipe();
+        posix_spawn_file_actions_adddup2(&actions, in.read_end, STDIN_FILENO);
+    } else {
+        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    }
     posix_spawn_file_actions_adddup2(&actions, out.write_end, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, err.write_end, STDERR_FILENO);
 
@@ -52,7 +58,12 @@ ToolProcess::ToolProcess(std::vector<std::string> arguments) {
     close(err.write_end);
     m_out.fd = out.read_end;
     m_err.fd = err.read_end;
+    if (input == Input::LINES) {
+        close(in.read_end);
+        m_input = in.write_end;
+    }
     if (error != 0) {
+        close_input();
         close_stream(m_out);
         close_stream(m_err);
         throw std::system_error(error, std::generic_category(), arguments[0]);
@@ -63,8 +74,31 @@ ToolProcess::~ToolProcess() {
     if (!m_reaped) {
         kill_child();
     }
+    close_input();
     close_stream(m_out);
     close_stream(m_err);
+}
+
+void ToolProcess::write(const std::string& text) {
+    // A child that has ended would end this process too by SIGPIPE, so it is asked for as an error instead.
+    struct sigaction ignore {};
+    struct sigaction before {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &ignore, &before);
+    const ssize_t written = ::write(m_input, text.data(), text.size());
+    const int error = errno;
+    sigaction(SIGPIPE, &before, nullptr);
+    if (written != static_cast<ssize_t>(text.size())) {
+        ADD_FAILURE() << "cannot write to process " << m_pid << ": "
+                      << std::generic_category().message(error);
+    }
+}
+
+void ToolProcess::close_input() {
+    if (m_input >= 0) {
+        close(m_input);
+        m_input = -1;
+    }
 }
 
 void ToolProcess::close_stream(Stream& stream) {

@@ -19,14 +19,22 @@ public:
     /// Far above what any tool needs; a test that reaches it has failed.
     static constexpr std::chrono::milliseconds LIMIT = std::chrono::seconds(60);
 
-    /// Starts `arguments[0]`, which is looked up in PATH unless it has a slash, with an empty standard input.
-    explicit ToolProcess(std::vector<std::string> arguments);
+    /// What the process finds on its standard input: nothing, or what `write_line` writes.
+    enum class Input { EMPTY, LINES };
+
+    /// Starts `arguments[0]`, which is looked up in PATH unless it has a slash.
+    explicit ToolProcess(std::vector<std::string> arguments, Input input = Input::EMPTY);
     ~ToolProcess();
     ToolProcess(const ToolProcess&) = delete;
     ToolProcess& operator=(const ToolProcess&) = delete;
 
     pid_t pid() const { return m_pid; }
     void send_signal(int number) const;
+
+    /// Writes to standard input, as it is. Text for a process that has ended is a failure of the test.
+    void write(const std::string& text);
+    void write_line(const std::string& line) { write(line + "\n"); }
+    void close_input();
 
     /// The next line of standard output without its line feed, empty if the output ended.
     std::string read_line();
@@ -52,6 +60,7 @@ private:
     pid_t m_pid = -1;
     bool m_reaped = false;
     int m_status = 0;
+    int m_input = -1; // owned
     Stream m_out;
     Stream m_err;
 };
