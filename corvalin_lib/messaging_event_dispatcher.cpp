@@ -2,6 +2,7 @@
 
 #include "corvalin_lib/json.h"
 #include "corvalin_lib/log.h"
+#include "corvalin_lib/never_destroyed.h"
 
 #include <algorithm>
 #include <memory>
@@ -17,9 +18,11 @@ constexpr const char* SOURCE = "messaging_event_dispatcher";
 constexpr unsigned char KIND_JSON = 0;
 constexpr unsigned char KIND_BINARY = 1; // reserved
 
+const NeverDestroyed<std::string> type_field("type");
+
 } // namespace
 
-const std::string EventDispatcher::JsonEvent::field_type = "type";
+const std::string& EventDispatcher::JsonEvent::field_type = type_field.object;
 
 EventDispatcher::EventDispatcher(MessageBrokerSettings settings, EventHandlers handlers)
     : m_handlers(std::move(handlers)) {
