@@ -33,6 +33,25 @@ install_build_packages() {
         libgtest-dev libgmock-dev libbenchmark-dev python3 iproute2
 }
 
+# install_kafka_packages: what the tests against Apache Kafka need. Java and Maven may well be here without a package.
+install_kafka_packages() {
+    command -v java >/dev/null || install_packages openjdk-17-jre-headless
+    command -v mvn >/dev/null || install_packages maven
+}
+
+# prepare_kafka: fetches the broker before the tests start, so that none of them waits for a download. Without a registry
+# the tests that need it are skipped, but not in CI, where nobody would notice.
+prepare_kafka() {
+    local status=0
+    install_kafka_packages
+    tests/kafka/kafka_broker.py --prepare || status=$?
+    if [ "$status" -eq 77 ] && [ "${CI:-}" != true ]; then
+        echo "The tests against Apache Kafka will be skipped, for the reason above."
+        return 0
+    fi
+    return "$status"
+}
+
 # build <preset>: configures and builds.
 build() {
     cmake --preset "$1"
@@ -41,5 +60,8 @@ build() {
 
 # run_tests <preset>: tests wait more than they work, so more of them run at once than there are processors.
 run_tests() {
+    if [ "$1" != fuzz ]; then
+        prepare_kafka
+    fi
     ctest --preset "$1" -j "$((JOBS * 2))"
 }
