@@ -7,6 +7,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -39,6 +40,7 @@
 #include "tests/support/captured_log.h"
 #include "tests/support/private_syslog.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/support/waiting.h"
 #include "tools/tool_support/private_paths.h"
 
 namespace {
@@ -881,21 +883,32 @@ TEST_F(AppServiceTest, a_write_to_a_closed_peer_is_an_error_and_not_the_end) {
     close(ends[1]);
 }
 
-// The read must not be taken up again, since that is how a stop reaches the receive loop.
+bool is_in_system_call(pid_t thread_id, int number) {
+    int current = -1;
+    std::ifstream("/proc/self/task/" + std::to_string(thread_id) + "/syscall") >> current;
+    return current == number;
+}
+
+// The read must not be taken up again, since that is how a stop reaches the receive loop. One signal each, and only
+// while the reader waits: a second one might meet it at work on the captured log.
 TEST_F(AppServiceTest, each_signal_interrupts_a_read_that_waits) {
     net::Socket socket;
     ASSERT_TRUE(socket.open(0, INADDR_LOOPBACK));
+    sockaddr_in local{};
+    socklen_t size = sizeof(local);
+    ASSERT_EQ(getsockname(socket.descriptor(), reinterpret_cast<sockaddr*>(&local), &size), 0);
     TestService::signals_subscribe();
     for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGUSR2, SIGTERM}) {
         SCOPED_TRACE(strsignal(number));
         const CapturedLog log;
         const pthread_t reader = pthread_self();
+        const pid_t reader_id = gettid();
         std::atomic<bool> has_returned{false};
-        // Again and again: the first one may come before the read has begun.
         std::thread sender([&] {
-            while (!has_returned.load()) {
-                pthread_kill(reader, number);
-                std::this_thread::yield();
+            test::wait_until([reader_id] { return is_in_system_call(reader_id, SYS_recvfrom); });
+            pthread_kill(reader, number);
+            if (!test::wait_until([&has_returned] { return has_returned.load(); })) {
+                socket.send(local, "x", 1); // ends a read that was taken up again
             }
         });
         unsigned char byte = 0;
