@@ -226,24 +226,52 @@ TEST_F(LifecycleTest, a_signal_before_the_subscription_takes_its_default_action)
     }
 }
 
-TEST_F(LifecycleTest, a_stop_signal_before_the_loop_is_seen_at_its_first_check_without_a_read) {
-    // The configuration is a pipe, and the start stands in it until the test has written its end.
-    const std::string pipe = (m_place.folder() / "router_conf_pipe").string();
-    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+// A router whose configuration is a pipe: the start stands in it until the test has written its end.
+class StandingStart {
+public:
+    explicit StandingStart(RouterPlace& place)
+        : m_path((place.folder() / "router_conf_pipe").string()), m_pipe(make_pipe()),
+          m_router(place, {"--config", m_path}) {
+        m_router.wait_for_log("SYSTEM  | CONFIGURATION: reading from file [" + m_path + "]");
+        EXPECT_TRUE(eventually([this] {
+            const auto call = blocking_call(m_router.pid(), m_router.pid());
+            return call && call->number == SYS_read;
+        }));
+    }
+    ~StandingStart() {
+        if (m_pipe >= 0) {
+            close(m_pipe);
+        }
+    }
+    StandingStart(const StandingStart&) = delete;
+    StandingStart& operator=(const StandingStart&) = delete;
+
+    RouterProcess& router() { return m_router; }
+    void go_on(const std::string& configuration) {
+        EXPECT_EQ(write(m_pipe, configuration.data(), configuration.size()),
+                  static_cast<ssize_t>(configuration.size()));
+        close(m_pipe);
+        m_pipe = -1;
+    }
+
+private:
     // For reading too, so that neither side waits for the other, and not for the router to inherit.
-    const int configuration = open(pipe.c_str(), O_RDWR | O_CLOEXEC);
-    ASSERT_GE(configuration, 0);
-    RouterProcess process(m_place, {"--config", pipe});
-    ASSERT_TRUE(process.wait_for_log("SYSTEM  | CONFIGURATION: reading from file [" + pipe + "]"));
-    ASSERT_TRUE(eventually([&] {
-        const auto call = blocking_call(process.pid(), process.pid());
-        return call && call->number == SYS_read;
-    }));
+    int make_pipe() const {
+        EXPECT_EQ(mkfifo(m_path.c_str(), 0600), 0);
+        return open(m_path.c_str(), O_RDWR | O_CLOEXEC);
+    }
+
+    const std::string m_path;
+    int m_pipe;
+    RouterProcess m_router;
+};
+
+TEST_F(LifecycleTest, a_stop_signal_before_the_loop_is_seen_at_its_first_check_without_a_read) {
+    StandingStart start(m_place);
+    RouterProcess& process = start.router();
     process.signal(SIGTERM);
     ASSERT_TRUE(process.wait_for_log("SYSTEM  | SERVICE: application stop has been requested"));
-    const std::string line = "discard_media_node\n";
-    EXPECT_EQ(write(configuration, line.data(), line.size()), static_cast<ssize_t>(line.size()));
-    close(configuration);
+    start.go_on("discard_media_node\n");
     EXPECT_EQ(process.wait_for_exit(), exited(0));
     // The start went its whole way, and so did the stop; nothing was interrupted, since nothing was read.
     EXPECT_EQ(process.log_count("SYSTEM  | CONFIGURATION: flag [discard_media_node] applied"), 1u);
@@ -253,6 +281,21 @@ TEST_F(LifecycleTest, a_stop_signal_before_the_loop_is_seen_at_its_first_check_w
         process.log_count("SYSTEM  | STATISTIC_SERVICE: thread " + in_brackets(process.pid()) + " stopped"),
         1u);
     EXPECT_THAT(process.log(), ::testing::Not(Contains(::testing::HasSubstr("SOCKET["))));
+}
+
+TEST_F(LifecycleTest, a_stop_signal_on_another_thread_takes_effect_with_the_next_datagram) {
+    start("");
+    ASSERT_TRUE(router().wait_until_receiving());
+    const std::vector<pid_t> threads = threads_of(router().pid());
+    const auto other = std::find_if(threads.begin(), threads.end(),
+                                    [this](pid_t thread) { return thread != router().pid(); });
+    ASSERT_NE(other, threads.end());
+    ASSERT_EQ(syscall(SYS_tgkill, router().pid(), *other, SIGTERM), 0);
+    ASSERT_TRUE(router().wait_for_log("SYSTEM  | SERVICE: application stop has been requested"));
+    ASSERT_TRUE(router().wait_until_receiving()) << "the read was interrupted";
+    send(Bytes(1, 0)); // whatever it is
+    EXPECT_EQ(router().wait_for_exit(), exited(0));
+    EXPECT_THAT(router().log(), ::testing::Not(Contains(::testing::HasSubstr("SOCKET["))));
 }
 
 TEST_F(LifecycleTest, a_stop_under_load_ends_with_status_0) {

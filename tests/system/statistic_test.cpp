@@ -307,13 +307,15 @@ TEST_F(StatisticTest, reports_come_at_once_and_every_5_seconds_whatever_signals_
     EXPECT_THAT(router().log(), ::testing::Not(::testing::Contains(::testing::HasSubstr("SOCKET["))));
 }
 
-TEST_F(StatisticTest, transfer_of_reports_sends_nothing) {
+TEST_F(StatisticTest, transfer_of_reports_sends_nothing_and_a_quiet_router_counts_nothing) {
     UdpNode collector;
     start("statistic_transfer_enabled=true\nstatistic_transfer_host=" + collector.address() + "\n");
     ASSERT_TRUE(syslog().wait_until([](const std::vector<SyslogRecord>& records) {
         return std::count_if(records.begin(), records.end(), is_report) >= 2;
     }));
     EXPECT_FALSE(collector.has_datagram());
+    // Five seconds and as many rounds of the reader later.
+    EXPECT_EQ(reports(syslog(), 0).at(1), zero_counters());
 }
 
 TEST_F(StatisticTest, no_report_is_written_when_reports_are_off_nor_at_a_stop) {
