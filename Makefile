@@ -3,14 +3,15 @@
 #   make demo       the router's main job on real packets, with a table of what arrived
 #   make test       every test: unit, system, fuzz
 #   make bench      the figures of docs/performance.md
+#   make package    a Debian package, in build/package
 #   make coverage   line coverage of corvalin_lib and router
 #   make check      what a review wants to be green: format, lint, debug, asan, tsan
 
-.PHONY: all demo test bench coverage check format clean
+.PHONY: all demo test bench package coverage check format clean
 
 all: demo test
 
-demo test bench coverage check format:
+demo test bench package coverage check format:
 	@tools/make/$@.sh
 
 clean:

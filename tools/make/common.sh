@@ -33,6 +33,11 @@ install_build_packages() {
         libgtest-dev libgmock-dev libbenchmark-dev python3 iproute2
 }
 
+# install_package_packages: what packs, checks and tries the Debian package.
+install_package_packages() {
+    install_packages bash-completion debhelper dpkg-dev fakeroot file lintian mandoc rsyslog scdoc systemd tshark
+}
+
 # install_kafka_packages: what the tests against Apache Kafka need. Java and Maven may well be here without a package.
 install_kafka_packages() {
     command -v java >/dev/null || install_packages openjdk-17-jre-headless
