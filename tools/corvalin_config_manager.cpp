@@ -1,33 +1,33 @@
 // corvalin_config_manager: gives routers their node lists over Kafka.
-#include <poll.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <csignal>
 #include <exception>
-#include <fstream>
 #include <iostream>
 #include <iterator>
-#include <memory>
+#include <limits>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "corvalin_lib/conf_extensions.h"
 #include "corvalin_lib/log.h"
 #include "corvalin_lib/messaging_message_broker.h"
 #include "corvalin_lib/reference_countable.h"
+#include "tools/config_manager/consumer_group.h"
 #include "tools/config_manager/event_payload.h"
 #include "tools/config_manager/kafka_link.h"
 #include "tools/config_manager/manager.h"
 #include "tools/config_manager/node_list.h"
+#include "tools/config_manager/publishable_list.h"
+#include "tools/config_manager/service.h"
 #include "tools/config_manager/version_store.h"
 #include "tools/tool_support/command_line.h"
+#include "tools/tool_support/stop_signal.h"
 
 namespace {
 
@@ -38,11 +38,11 @@ constexpr const char* NAME = "corvalin_config_manager";
 constexpr int EXIT_REFUSED = 2; // a list that must not reach a router
 
 struct Options {
-    std::string kafka_config = "/etc/tolvaine/corvalin/kafka.conf";
+    std::string kafka_config = conf::default_kafka_config_path;
     std::string broker;
-    std::string request_topic;
-    std::string broadcast_topic;
-    std::string state = "corvalin_node_lists.json";
+    ManagerTopics topics;
+    std::vector<std::string> further_topics;
+    std::string state = "/var/lib/tolvaine/corvalin/node_lists.json";
     uint64_t first_version = 1;
     std::string kind;
     std::string file;
@@ -64,35 +64,16 @@ void report(const std::string& line) {
     std::cout << line << std::endl; // flushed: whoever reads a pipe waits for the line
 }
 
-void print_remarks(const std::string& file, const CheckedNodeList& checked) {
-    for (const Remark& warning : checked.warnings) {
-        std::cerr << file << ":" << warning.line << ": warning: " << warning.text << "\n";
-    }
-    for (const Remark& fault : checked.faults) {
-        std::cerr << file << ":" << fault.line << ": " << fault.text << "\n";
-    }
+void complain(const std::string& text) {
+    const std::lock_guard<std::mutex> lock(output_lock);
+    std::cerr << NAME << ": " << text << "\n";
 }
 
-// The list of a file that may be sent to routers; empty if it may not, and the faults have been told.
-std::optional<NodeList> sound_list(const std::string& file) {
-    const CheckedNodeList checked = read_node_list(file);
-    print_remarks(file, checked);
-    return checked.faults.empty() ? std::optional(checked.nodes) : std::nullopt;
-}
-
-// An empty list takes every node of its kind away from new sessions.
-bool is_empty_wanted(const Options& options, const std::string& file) {
-    if (options.allow_empty) {
-        return true;
+// Errors and warnings of the messaging only; with --verbose everything.
+void write_problem(void* /*context*/, const char* /*file*/, int /*line*/, const log::Message& message) {
+    if (message.level() == log::Level::ERROR || message.level() == log::Level::WARNING) {
+        complain(message.text());
     }
-    if (isatty(STDIN_FILENO) == 0) {
-        std::cerr << file << ": the list is empty, and --allow-empty was not given\n";
-        return false;
-    }
-    std::cerr << file << ": the list is empty: new sessions get no node of this kind. Publish it? [y/N] ";
-    std::string answer;
-    std::getline(std::cin, answer);
-    return answer == "y" || answer == "Y" || answer == "yes";
 }
 
 const ListKind& kind_of(const std::string& word) {
@@ -100,21 +81,26 @@ const ListKind& kind_of(const std::string& word) {
                          [&](const ListKind& kind) { return word == kind.word; });
 }
 
-// Errors and warnings of the messaging only; with --verbose everything.
-void write_problem(void* /*context*/, const char* /*file*/, int /*line*/, const log::Message& message) {
-    if (message.level() == log::Level::ERROR || message.level() == log::Level::WARNING) {
-        const std::lock_guard<std::mutex> lock(output_lock);
-        std::cerr << NAME << ": " << message.text() << "\n";
-    }
-}
-
-void open_log(const Options& options) {
-    log::Logger::m_instance.m_write = options.verbose ? &log::Stdlog::write : &write_problem;
+std::optional<NodeList> read_publishable(const std::string& path) {
+    return publishable_list(path, read_text(path));
 }
 
 // What the command line does not say comes from the routers' own Kafka configuration.
 void complete_from_file(Options& options) {
-    if (!options.broker.empty() && !options.request_topic.empty() && !options.broadcast_topic.empty()) {
+    struct Setting {
+        std::string& value;
+        std::string conf::KafkaConfiguration::*in_file;
+        const char* names;
+    };
+    const Setting settings[] = {
+        {options.broker, &conf::KafkaConfiguration::m_kafka_broker, "--broker or kafka_broker"},
+        {options.topics.request, &conf::KafkaConfiguration::m_kafka_topic_request,
+         "--request-topic or kafka_topic_request"},
+        {options.topics.broadcast, &conf::KafkaConfiguration::m_kafka_topic_broadcast,
+         "--broadcast-topic or kafka_topic_broadcast"},
+    };
+    const auto is_missing = [](const Setting& setting) { return setting.value.empty(); };
+    if (std::none_of(std::begin(settings), std::end(settings), is_missing)) {
         return;
     }
     const rc_ptr<conf::KafkaConfiguration> file(new conf::KafkaConfiguration());
@@ -122,41 +108,30 @@ void complete_from_file(Options& options) {
         throw std::runtime_error("cannot use " + options.kafka_config +
                                  "; or give --broker, --request-topic and --broadcast-topic");
     }
-    const auto complete = [](std::string& option, const std::string& value) {
-        if (option.empty()) {
-            option = value;
+    for (const Setting& setting : settings) {
+        if (setting.value.empty()) {
+            setting.value = file.get()->*setting.in_file;
         }
-    };
-    complete(options.broker, file->m_kafka_broker);
-    complete(options.request_topic, file->m_kafka_topic_request);
-    complete(options.broadcast_topic, file->m_kafka_topic_broadcast);
+        if (setting.value.empty()) {
+            throw std::runtime_error(std::string("give ") + setting.names + " in " + options.kafka_config);
+        }
+    }
 }
 
-// All that the verbs with a broker need.
-struct Link {
-    explicit Link(Options& options)
-        : store(options.state, options.first_version), publisher(broker_of(options)),
-          manager(store, publisher, {options.request_topic, options.broadcast_topic}, &report) {
-        for (const std::string& warning :
-             ensure_topics(options.broker, {options.request_topic, options.broadcast_topic})) {
-            std::cerr << NAME << ": warning: " << warning << "\n";
-        }
+VersionStore open_store(const Options& options) {
+    VersionStore store(options.state, options.first_version);
+    if (!store.exists()) {
+        complain("warning: there is no " + options.state + ": versions begin at " +
+                 std::to_string(options.first_version) +
+                 ", and routers that have a higher one ignore them; see --first-version");
     }
+    return store;
+}
 
-    static const std::string& broker_of(Options& options) {
-        complete_from_file(options);
-        return options.broker;
-    }
-
-    VersionStore store;
-    KafkaPublisher publisher;
-    Manager manager;
-};
-
-int check(const Options& options) {
+int check(Options& options) {
     bool is_sound = true;
     for (const std::string& file : options.files) {
-        if (const auto nodes = sound_list(file)) {
+        if (const auto nodes = read_publishable(file)) {
             report(file + ": " + std::to_string(nodes->size()) + " nodes");
         } else {
             is_sound = false;
@@ -165,54 +140,75 @@ int check(const Options& options) {
     return is_sound ? EXIT_OK : EXIT_REFUSED;
 }
 
-int diff(const Options& options) {
-    const auto nodes = sound_list(options.file);
+int diff(Options& options) {
+    const auto nodes = read_publishable(options.file);
     if (!nodes) {
         return EXIT_REFUSED;
     }
-    const auto published = VersionStore(options.state).latest(kind_of(options.kind).name);
-    for (const std::string& line : difference(published ? published->nodes : NodeList(), *nodes)) {
+    const History history = VersionStore(options.state).history(kind_of(options.kind).name);
+    const NodeList published = history.empty() ? NodeList() : history.back().nodes;
+    const std::vector<std::string> lines = difference(published, *nodes);
+    for (const std::string& line : lines) {
         report(line);
+    }
+    if (lines.empty() && published != *nodes) {
+        report("the same nodes in another order");
     }
     return EXIT_OK;
 }
 
 int publish(Options& options) {
-    const auto nodes = sound_list(options.file);
-    if (!nodes || (nodes->empty() && !is_empty_wanted(options, options.file))) {
+    const auto nodes = read_publishable(options.file);
+    if (!nodes || !is_emptiness_wanted(*nodes, options.file, options.allow_empty)) {
         return EXIT_REFUSED;
     }
-    Link(options).manager.publish(kind_of(options.kind), *nodes);
+    complete_from_file(options);
+    VersionStore store = open_store(options);
+    KafkaLink link(options.broker);
+    Manager manager(store, link, options.topics, &report);
+    manager.prepare_topics();
+    manager.publish(kind_of(options.kind), *nodes);
     return EXIT_OK;
 }
 
 int rollback(Options& options) {
     const ListKind& kind = kind_of(options.kind);
-    const std::vector<PublishedList> history = VersionStore(options.state).history(kind.name);
-    // Without a version it is the list before the latest one.
-    const auto wanted = options.to_version == 0
-                            ? (history.size() < 2 ? history.end() : history.end() - 2)
-                            : std::find_if(history.begin(), history.end(), [&](const PublishedList& list) {
-                                  return list.version == options.to_version;
-                              });
-    if (wanted == history.end()) {
-        std::cerr << NAME << ": no such version of " << kind.name << " in " << options.state << "\n";
+    VersionStore store(options.state, options.first_version);
+    const History history = store.history(kind.name);
+    const PublishedList* const target = find_rollback_target(history, options.to_version);
+    if (target == nullptr) {
+        complain((options.to_version != 0 ? "no version " + std::to_string(options.to_version)
+                                          : std::string("no earlier list")) +
+                 " of " + kind.name + " in " + options.state);
         return EXIT_REFUSED;
     }
-    if (wanted->nodes.empty() && !is_empty_wanted(options, "version " + std::to_string(wanted->version))) {
+    const std::string origin = std::string(kind.name) + " version " + std::to_string(target->version);
+    if (!is_emptiness_wanted(target->nodes, origin, options.allow_empty)) {
         return EXIT_REFUSED;
     }
-    Link(options).manager.publish(kind, wanted->nodes);
+    complete_from_file(options);
+    KafkaLink link(options.broker);
+    Manager manager(store, link, options.topics, &report);
+    manager.prepare_topics();
+    manager.rollback(kind, *target);
     return EXIT_OK;
 }
 
-int decode(const Options& options) {
+int announce(Options& options) {
+    complete_from_file(options);
+    VersionStore store(options.state);
+    KafkaLink link(options.broker);
+    Manager(store, link, options.topics, &report).announce();
+    return EXIT_OK;
+}
+
+int decode(Options& options) {
     const std::string payload = options.file.empty()
                                     ? std::string(std::istreambuf_iterator<char>(std::cin), {})
                                     : read_text(options.file);
     const auto opened = open_payload(payload);
     if (!opened) {
-        std::cerr << NAME << ": no zlib stream, or one that inflates beyond all measure\n";
+        complain("no zlib stream, or one that inflates beyond all measure");
         return EXIT_FAILED;
     }
     report("kind " + std::to_string(opened->kind) + ", " + std::to_string(payload.size()) +
@@ -222,135 +218,52 @@ int decode(const Options& options) {
     return EXIT_OK;
 }
 
-sigset_t stop_signals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    return signals;
-}
-
-// Blocked in all threads, so that only wait_for_stop takes them.
-void block_stop_signals() {
-    const sigset_t signals = stop_signals();
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-}
-
-bool wait_for_stop(std::chrono::milliseconds limit) {
-    const sigset_t signals = stop_signals();
-    const timespec time{limit.count() / 1000, limit.count() % 1000 * 1'000'000};
-    return sigtimedwait(&signals, nullptr, &time) > 0;
-}
-
 int watch(Options& options) {
     complete_from_file(options);
-    block_stop_signals();
-    std::mutex lock;
-    uint64_t seen = 0;
+    catch_stop_signals();
+    std::atomic<uint64_t> seen{0}; // consumer thread
     messaging::MessageBrokerSettings settings;
     settings.brokers = options.broker;
-    settings.group = std::string(NAME) + "_watch_" + std::to_string(getpid());
-    settings.topics = {options.request_topic, options.broadcast_topic};
-    settings.on_message_received = [&](const unsigned char* data, unsigned long size) {
+    settings.group = make_consumer_group("_watch");
+    settings.topics = {options.topics.request, options.topics.broadcast};
+    settings.topics.insert(settings.topics.end(), options.further_topics.begin(),
+                           options.further_topics.end());
+    settings.on_message_received = [&seen](const unsigned char* data, unsigned long size) {
         report(std::string(reinterpret_cast<const char*>(data) + 1, size == 0 ? 0 : size - 1));
-        const std::lock_guard<std::mutex> guard(lock);
-        ++seen;
+        seen.fetch_add(1, std::memory_order_relaxed);
     };
-    const auto begin = std::chrono::steady_clock::now();
     const messaging::MessageBroker broker(settings);
-    report("watching [" + options.request_topic + "] and [" + options.broadcast_topic + "]");
+    for (const std::string& topic : settings.topics) {
+        report("watching [" + topic + "]");
+    }
+    const auto begin = std::chrono::steady_clock::now();
     const auto is_done = [&] {
-        const std::lock_guard<std::mutex> guard(lock);
         const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - begin;
-        return (options.count != 0 && seen >= options.count) ||
+        return (options.count != 0 && seen.load(std::memory_order_relaxed) >= options.count) ||
                (options.duration_s > 0 && passed.count() >= options.duration_s);
     };
-    while (!is_done() && !wait_for_stop(std::chrono::milliseconds(100))) {
+    while (!is_done() && !wait_for_stop(std::chrono::milliseconds(STOP_CHECK_INTERVAL_MS))) {
     }
     return EXIT_OK;
 }
 
-// One list that is kept published while its file changes.
-class WatchedFile {
-public:
-    WatchedFile(const ListKind& kind, std::string path, bool allow_empty)
-        : m_kind(kind), m_path(std::move(path)), m_allow_empty(allow_empty) {}
-
-    /// Publishes the list if it differs from what routers have. False if it must not reach them.
-    bool bring_up_to_date(Link& link) {
-        m_text = read_text(m_path);
-        const auto nodes = sound_list(m_path);
-        if (!nodes) {
-            return false;
-        }
-        if (nodes->empty() && !m_allow_empty) {
-            std::cerr << m_path << ": the list is empty, and --allow-empty was not given\n";
-            return false;
-        }
-        const auto published = link.store.latest(m_kind.name);
-        if (!published || published->nodes != *nodes) {
-            link.manager.publish(m_kind, *nodes);
-        }
-        return true;
-    }
-
-    /// True if the file has another text than when it was last looked at. A file that is being replaced is left alone.
-    bool has_changed() const {
-        try {
-            return read_text(m_path) != m_text;
-        } catch (const std::exception&) {
-            return false;
-        }
-    }
-
-    /// The list that is there may not be sent; what routers have stays.
-    void tell_refusal() const { report(m_path + " is not published: what routers have stays"); }
-
-private:
-    const ListKind m_kind;
-    const std::string m_path;
-    const bool m_allow_empty;
-    std::string m_text;
-};
-
 int run(Options& options) {
-    block_stop_signals();
-    std::vector<WatchedFile> files;
+    complete_from_file(options);
+    catch_stop_signals();
+    std::vector<FollowedFile> files;
     if (!options.media_file.empty()) {
-        files.emplace_back(kind_of("media"), options.media_file, options.allow_empty);
+        files.emplace_back(kind_of("media"), options.media_file);
     }
     if (!options.writer_file.empty()) {
-        files.emplace_back(kind_of("writer"), options.writer_file, options.allow_empty);
+        files.emplace_back(kind_of("writer"), options.writer_file);
     }
-    // All files are looked at before anything is sent.
-    for (const std::string& path : {options.media_file, options.writer_file}) {
-        if (!path.empty() && !sound_list(path)) {
-            return EXIT_REFUSED;
-        }
-    }
-    Link link(options);
-    for (WatchedFile& file : files) {
-        if (!file.bring_up_to_date(link)) {
-            return EXIT_REFUSED;
-        }
-    }
-    messaging::MessageBrokerSettings settings;
-    settings.brokers = options.broker;
-    settings.group = NAME;
-    settings.topics = {options.request_topic};
-    settings.on_message_received = [&](const unsigned char* data, unsigned long size) {
-        link.manager.on_frame(data, size);
-    };
-    const messaging::MessageBroker broker(settings);
-    link.manager.announce();
-    while (!wait_for_stop(std::chrono::milliseconds(options.poll_ms))) {
-        for (WatchedFile& file : files) {
-            if (file.has_changed() && !file.bring_up_to_date(link)) {
-                file.tell_refusal();
-            }
-        }
-    }
-    return EXIT_OK;
+    VersionStore store = open_store(options);
+    const ManagerLock lock(store);
+    KafkaLink link(options.broker);
+    ManagerService service(
+        {options.broker, options.topics, options.allow_empty, std::chrono::milliseconds(options.poll_ms)},
+        store, link, &report);
+    return service.run(files) ? EXIT_OK : EXIT_REFUSED;
 }
 
 void add_kafka_options(CLI::App& command, Options& options) {
@@ -360,17 +273,21 @@ void add_kafka_options(CLI::App& command, Options& options) {
         ->capture_default_str()
         ->type_name("FILE");
     command.add_option("--broker", options.broker, "Brokers, as host:port joined by commas");
-    command.add_option("--request-topic", options.request_topic, "Topic on which routers ask");
-    command.add_option("--broadcast-topic", options.broadcast_topic, "Topic to which all routers listen");
+    command.add_option("--request-topic", options.topics.request, "Topic on which routers ask");
+    command.add_option("--broadcast-topic", options.topics.broadcast, "Topic to which all routers listen");
     command.add_flag("--verbose", options.verbose, "Show all that the messaging logs");
 }
 
-void add_state_options(CLI::App& command, Options& options) {
+void add_state(CLI::App& command, Options& options) {
     command.add_option("--state", options.state, "File that keeps the versions")->capture_default_str();
+}
+
+void add_first_version(CLI::App& command, Options& options) {
     command
         .add_option("--first-version", options.first_version,
-                    "Where versions begin if the state is lost: above all that routers have")
-        ->capture_default_str();
+                    "The least version to use: above all that routers have, should the state be lost")
+        ->capture_default_str()
+        ->check(CLI::Range(uint64_t{1}, std::numeric_limits<uint64_t>::max()));
 }
 
 void add_kind(CLI::App& command, Options& options) {
@@ -383,6 +300,105 @@ void add_allow_empty(CLI::App& command, Options& options) {
     command.add_flag("--allow-empty", options.allow_empty, "Publish an empty list without asking");
 }
 
+void add_list(CLI::App& command, Options& options) {
+    command.add_option("FILE", options.file, "The list")->required()->check(CLI::ExistingFile);
+}
+
+struct Verb {
+    CLI::App* command; // owned by the application
+    int (*function)(Options&);
+};
+
+Verb add_run(CLI::App& app, Options& options) {
+    CLI::App& command = *app.add_subcommand("run", "Publish the lists of files, follow them, answer routers");
+    command.add_option("--media", options.media_file, "File with the media nodes")
+        ->type_name("FILE")
+        ->check(CLI::ExistingFile);
+    command.add_option("--writer", options.writer_file, "File with the writer nodes")
+        ->type_name("FILE")
+        ->check(CLI::ExistingFile);
+    command.add_option("--poll-ms", options.poll_ms, "How often the files are looked at")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 60'000));
+    command.add_flag("--allow-empty", options.allow_empty,
+                     "Publish an empty list without asking, also when a file changes to one");
+    add_state(command, options);
+    add_first_version(command, options);
+    add_kafka_options(command, options);
+    command.footer(
+        "All files are checked before anything is sent. A file that changes to a list that must not reach a\n"
+        "router is told and left alone: routers keep what they have. Ends by SIGTERM and SIGINT.");
+    return {&command, &run};
+}
+
+Verb add_check(CLI::App& app, Options& options) {
+    CLI::App& command = *app.add_subcommand("check", "Check files; sends nothing");
+    command.add_option("FILE", options.files, "Lists to check")->required()->check(CLI::ExistingFile);
+    return {&command, &check};
+}
+
+Verb add_publish(CLI::App& app, Options& options) {
+    CLI::App& command = *app.add_subcommand("publish", "Send one list under a new version");
+    add_kind(command, options);
+    add_list(command, options);
+    add_allow_empty(command, options);
+    add_state(command, options);
+    add_first_version(command, options);
+    add_kafka_options(command, options);
+    command.footer("May be used beside a running manager, which answers with the new list from then on.");
+    return {&command, &publish};
+}
+
+Verb add_rollback(CLI::App& app, Options& options) {
+    CLI::App& command = *app.add_subcommand("rollback", "Send an earlier list under a new version");
+    add_kind(command, options);
+    command
+        .add_option("--to", options.to_version, "Version of the list; without it the one before the latest")
+        ->check(CLI::Range(uint64_t{1}, std::numeric_limits<uint64_t>::max()));
+    add_allow_empty(command, options);
+    add_state(command, options);
+    add_first_version(command, options);
+    add_kafka_options(command, options);
+    command.footer("May be used beside a running manager. Two rollbacks go back by two lists. A file that "
+                   "still holds the\n"
+                   "list that was taken back is not published again until it changes.");
+    return {&command, &rollback};
+}
+
+Verb add_announce(CLI::App& app, Options& options) {
+    CLI::App& command =
+        *app.add_subcommand("announce", "Have all routers ask a running manager for what they do not have");
+    add_state(command, options);
+    add_kafka_options(command, options);
+    return {&command, &announce};
+}
+
+Verb add_diff(CLI::App& app, Options& options) {
+    CLI::App& command = *app.add_subcommand("diff", "Compare a file with what was published; sends nothing");
+    add_kind(command, options);
+    add_list(command, options);
+    add_state(command, options);
+    command.footer("Each line is a node: \"+\" only in the file, \"-\" only in what was published.");
+    return {&command, &diff};
+}
+
+Verb add_watch(CLI::App& app, Options& options) {
+    CLI::App& command = *app.add_subcommand("watch", "Show events as they come, as a router would read them");
+    command.add_option("--topic", options.further_topics,
+                       "Topic to watch beside the manager's two; may be repeated");
+    command.add_option("--count", options.count, "End after so many events");
+    command.add_option("--duration", options.duration_s, "End after so many seconds");
+    add_kafka_options(command, options);
+    return {&command, &watch};
+}
+
+Verb add_decode(CLI::App& app, Options& options) {
+    CLI::App& command = *app.add_subcommand("decode", "Show the event in the payload of a message");
+    command.add_option("FILE", options.file, "The payload; standard input by default")
+        ->check(CLI::ExistingFile);
+    return {&command, &decode};
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -391,78 +407,28 @@ int main(int argc, char** argv) {
                  "A list is a JSON array: [{\"ip\":\"10.0.0.1\",\"port\":5000}, ...]\n",
                  NAME);
     app.require_subcommand(1);
-    app.footer("Exit status:\n"
+    app.footer("Each verb tells its options with --help.\n\n"
+               "Exit status:\n"
                "  0  success\n"
                "  1  failure at run time\n"
                "  2  wrong command line, or a list that must not reach a router; its faults are told with "
                "their lines");
     add_version_flag(app);
-
-    CLI::App& run_command =
-        *app.add_subcommand("run", "Publish the lists, follow their files, answer routers");
-    add_kafka_options(run_command, options);
-    add_state_options(run_command, options);
-    add_allow_empty(run_command, options);
-    run_command.add_option("--media", options.media_file, "File with the media nodes")->type_name("FILE");
-    run_command.add_option("--writer", options.writer_file, "File with the writer nodes")->type_name("FILE");
-    run_command.add_option("--poll-ms", options.poll_ms, "How often the files are looked at")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 60'000));
-
-    CLI::App& check_command = *app.add_subcommand("check", "Check files; sends nothing");
-    check_command.add_option("FILE", options.files, "Lists to check")->required();
-
-    CLI::App& publish_command = *app.add_subcommand("publish", "Send one list under a new version");
-    add_kafka_options(publish_command, options);
-    add_state_options(publish_command, options);
-    add_allow_empty(publish_command, options);
-    add_kind(publish_command, options);
-    publish_command.add_option("FILE", options.file, "The list")->required();
-
-    CLI::App& rollback_command = *app.add_subcommand("rollback", "Send an earlier list under a new version");
-    add_kafka_options(rollback_command, options);
-    add_state_options(rollback_command, options);
-    add_allow_empty(rollback_command, options);
-    add_kind(rollback_command, options);
-    rollback_command.add_option("--to", options.to_version,
-                                "Version of the list; the one before the latest by default");
-
-    CLI::App& diff_command = *app.add_subcommand("diff", "Compare a file with what was published");
-    add_state_options(diff_command, options);
-    add_kind(diff_command, options);
-    diff_command.add_option("FILE", options.file, "The list")->required();
-
-    CLI::App& watch_command = *app.add_subcommand("watch", "Show the events on both topics");
-    add_kafka_options(watch_command, options);
-    watch_command.add_option("--count", options.count, "End after so many events");
-    watch_command.add_option("--duration", options.duration_s, "End after so many seconds");
-
-    CLI::App& decode_command = *app.add_subcommand("decode", "Show the event in a payload");
-    decode_command.add_option("FILE", options.file, "The payload; standard input by default");
-
+    const Verb verbs[] = {
+        add_run(app, options),      add_check(app, options),    add_publish(app, options),
+        add_rollback(app, options), add_announce(app, options), add_diff(app, options),
+        add_watch(app, options),    add_decode(app, options),
+    };
     if (const auto status = parse_command_line(app, argc, argv)) {
         return *status;
     }
-    open_log(options);
+    log::Logger::m_instance.m_write = options.verbose ? &log::Stdlog::write : &write_problem;
     try {
-        if (run_command) {
-            return run(options);
-        }
-        if (check_command) {
-            return check(options);
-        }
-        if (publish_command) {
-            return publish(options);
-        }
-        if (rollback_command) {
-            return rollback(options);
-        }
-        if (diff_command) {
-            return diff(options);
-        }
-        return watch_command ? watch(options) : decode(options);
+        const auto verb = std::find_if(std::begin(verbs), std::end(verbs),
+                                       [](const Verb& candidate) { return candidate.command->parsed(); });
+        return verb->function(options);
     } catch (const std::exception& error) {
-        std::cerr << NAME << ": " << error.what() << "\n";
+        complain(error.what());
         return EXIT_FAILED;
     }
 }

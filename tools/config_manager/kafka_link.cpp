@@ -5,157 +5,129 @@
 #include <array>
 #include <chrono>
 #include <stdexcept>
-#include <utility>
 
 namespace corvalin::tools {
 
 namespace {
 
 constexpr int ADMIN_TIMEOUT_MS = 10'000;
+constexpr int SEND_TIMEOUT_MS = 10'000;
 constexpr int POLL_MS = 50;
+constexpr int MISSING = -1;
+constexpr int BROKERS_DEFAULT =
+    -1; // for the replication factor: the operator of the brokers knows how many there are
 
-using ConfPtr = std::unique_ptr<RdKafka::Conf>;
-
-ConfPtr make_conf(const std::string& brokers) {
-    ConfPtr conf(RdKafka::Conf::create(RdKafka::Conf::CONF_GLOBAL));
-    std::string error;
-    if (conf->set("metadata.broker.list", brokers, error) != RdKafka::Conf::CONF_OK) {
-        throw std::runtime_error(error);
-    }
-    return conf;
-}
-
-std::unique_ptr<RdKafka::Producer> make_producer(const RdKafka::Conf& conf) {
-    std::string error;
-    std::unique_ptr<RdKafka::Producer> producer(RdKafka::Producer::create(&conf, error));
-    if (!producer) {
-        throw std::runtime_error(error);
-    }
-    return producer;
-}
-
-// The C++ interface has no administration.
-class NewTopics {
-public:
-    explicit NewTopics(const std::vector<std::string>& names) {
-        std::array<char, 512> error{};
-        for (const std::string& name : names) {
-            rd_kafka_NewTopic_t* const topic =
-                rd_kafka_NewTopic_new(name.c_str(), 1, 1, error.data(), error.size());
-            if (topic == nullptr) {
-                throw std::runtime_error("topic [" + name + "]: " + error.data());
-            }
-            m_topics.push_back(topic);
-        }
-    }
-    NewTopics(const NewTopics&) = delete;
-    NewTopics& operator=(const NewTopics&) = delete;
-    ~NewTopics() { rd_kafka_NewTopic_destroy_array(m_topics.data(), m_topics.size()); }
-
-    rd_kafka_NewTopic_t** data() { return m_topics.data(); }
-    std::size_t size() const { return m_topics.size(); }
-
-private:
-    std::vector<rd_kafka_NewTopic_t*> m_topics;
+// The C++ interface of the library has no administration.
+struct Deleter {
+    void operator()(rd_kafka_NewTopic_t* topic) const { rd_kafka_NewTopic_destroy(topic); }
+    void operator()(rd_kafka_AdminOptions_t* options) const { rd_kafka_AdminOptions_destroy(options); }
+    void operator()(rd_kafka_queue_t* queue) const { rd_kafka_queue_destroy(queue); }
+    void operator()(rd_kafka_event_t* event) const { rd_kafka_event_destroy(event); }
 };
+template <class T>
+using Owned = std::unique_ptr<T, Deleter>;
 
-// The partitions of each topic; -1 for a topic that the broker does not know.
-std::vector<int> partition_counts(RdKafka::Producer& producer, const std::vector<std::string>& names) {
+} // namespace
+
+KafkaLink::KafkaLink(const std::string& brokers) {
+    const std::unique_ptr<RdKafka::Conf> conf(RdKafka::Conf::create(RdKafka::Conf::CONF_GLOBAL));
+    std::string error;
+    if (conf->set("metadata.broker.list", brokers, error) != RdKafka::Conf::CONF_OK ||
+        conf->set("dr_cb", static_cast<RdKafka::DeliveryReportCb*>(this), error) != RdKafka::Conf::CONF_OK) {
+        throw std::runtime_error(error);
+    }
+    m_producer.reset(RdKafka::Producer::create(conf.get(), error));
+    if (!m_producer) {
+        throw std::runtime_error(error);
+    }
+}
+
+KafkaLink::~KafkaLink() = default;
+
+TopicState KafkaLink::provide_topic(const std::string& name) {
+    const int partitions = partition_count(name);
+    if (partitions == MISSING) {
+        return {create_topic(name), 1};
+    }
+    return {false, partitions};
+}
+
+// Asks for all topics: a broker that is asked for one that it does not know may make it, with its own number of
+// partitions.
+int KafkaLink::partition_count(const std::string& name) {
     RdKafka::Metadata* received = nullptr;
-    const RdKafka::ErrorCode code = producer.metadata(true, nullptr, &received, ADMIN_TIMEOUT_MS);
+    const RdKafka::ErrorCode code = m_producer->metadata(true, nullptr, &received, ADMIN_TIMEOUT_MS);
     const std::unique_ptr<RdKafka::Metadata> metadata(received);
     if (code != RdKafka::ERR_NO_ERROR) {
         throw std::runtime_error("no answer from the broker: " + RdKafka::err2str(code));
     }
-    std::vector<int> counts;
-    for (const std::string& name : names) {
-        int count = -1;
-        for (const RdKafka::TopicMetadata* const topic : *metadata->topics()) {
-            if (topic->topic() == name && topic->err() == RdKafka::ERR_NO_ERROR) {
-                count = static_cast<int>(topic->partitions()->size());
-            }
+    for (const RdKafka::TopicMetadata* const topic : *metadata->topics()) {
+        if (topic->topic() == name && topic->err() == RdKafka::ERR_NO_ERROR) {
+            return static_cast<int>(topic->partitions()->size());
         }
-        counts.push_back(count);
     }
-    return counts;
+    return MISSING;
 }
 
-void create_topics(RdKafka::Producer& producer, const std::vector<std::string>& names) {
-    NewTopics topics(names);
-    rd_kafka_t* const handle = producer.c_ptr();
-    const std::unique_ptr<rd_kafka_queue_t, void (*)(rd_kafka_queue_t*)> queue(rd_kafka_queue_new(handle),
-                                                                               &rd_kafka_queue_destroy);
-    rd_kafka_CreateTopics(handle, topics.data(), topics.size(), nullptr, queue.get());
-    const std::unique_ptr<rd_kafka_event_t, void (*)(rd_kafka_event_t*)> event(
-        rd_kafka_queue_poll(queue.get(), ADMIN_TIMEOUT_MS), &rd_kafka_event_destroy);
+// False if somebody else has made it meanwhile.
+bool KafkaLink::create_topic(const std::string& name) {
+    const auto fail = [&name](const std::string& reason) {
+        throw std::runtime_error("cannot create topic [" + name + "]: " + reason);
+    };
+    std::array<char, 512> error{};
+    const Owned<rd_kafka_NewTopic_t> topic(
+        rd_kafka_NewTopic_new(name.c_str(), 1, BROKERS_DEFAULT, error.data(), error.size()));
+    if (!topic) {
+        fail(error.data());
+    }
+    rd_kafka_t* const handle = m_producer->c_ptr();
+    const Owned<rd_kafka_AdminOptions_t> options(
+        rd_kafka_AdminOptions_new(handle, RD_KAFKA_ADMIN_OP_CREATETOPICS));
+    // Until all brokers know it.
+    rd_kafka_AdminOptions_set_operation_timeout(options.get(), ADMIN_TIMEOUT_MS, error.data(), error.size());
+    const Owned<rd_kafka_queue_t> queue(rd_kafka_queue_new(handle));
+    rd_kafka_NewTopic_t* topics[] = {topic.get()};
+    rd_kafka_CreateTopics(handle, topics, 1, options.get(), queue.get());
+    const Owned<rd_kafka_event_t> event(rd_kafka_queue_poll(queue.get(), 2 * ADMIN_TIMEOUT_MS));
     if (!event) {
-        throw std::runtime_error("the broker did not create the topics in time");
+        fail("the broker did not do it in time");
     }
     if (rd_kafka_event_error(event.get()) != RD_KAFKA_RESP_ERR_NO_ERROR) {
-        throw std::runtime_error(std::string("cannot create topics: ") +
-                                 rd_kafka_event_error_string(event.get()));
+        fail(rd_kafka_event_error_string(event.get()));
     }
     std::size_t count = 0;
     const rd_kafka_topic_result_t** const results =
         rd_kafka_CreateTopics_result_topics(rd_kafka_event_CreateTopics_result(event.get()), &count);
-    for (std::size_t index = 0; index < count; ++index) {
-        const rd_kafka_resp_err_t error = rd_kafka_topic_result_error(results[index]);
-        if (error != RD_KAFKA_RESP_ERR_NO_ERROR && error != RD_KAFKA_RESP_ERR_TOPIC_ALREADY_EXISTS) {
-            throw std::runtime_error(std::string("cannot create topic [") +
-                                     rd_kafka_topic_result_name(results[index]) +
-                                     "]: " + rd_kafka_err2str(error));
-        }
+    const rd_kafka_resp_err_t code =
+        count == 1 ? rd_kafka_topic_result_error(results[0]) : RD_KAFKA_RESP_ERR_UNKNOWN;
+    if (code == RD_KAFKA_RESP_ERR_TOPIC_ALREADY_EXISTS) {
+        return false;
     }
+    if (code != RD_KAFKA_RESP_ERR_NO_ERROR) {
+        fail(rd_kafka_err2str(code));
+    }
+    return true;
 }
 
-} // namespace
-
-std::vector<std::string> ensure_topics(const std::string& brokers, const std::vector<std::string>& topics) {
-    const auto producer = make_producer(*make_conf(brokers));
-    const std::vector<int> counts = partition_counts(*producer, topics);
-    std::vector<std::string> missing;
-    std::vector<std::string> warnings;
-    for (std::size_t index = 0; index < topics.size(); ++index) {
-        if (counts[index] < 0) {
-            missing.push_back(topics[index]);
-        } else if (counts[index] > 1) {
-            warnings.push_back("topic [" + topics[index] + "] has " + std::to_string(counts[index]) +
-                               " partitions: events on different ones may overtake each other");
-        }
-    }
-    if (!missing.empty()) {
-        create_topics(*producer, missing);
-    }
-    return warnings;
-}
-
-KafkaPublisher::KafkaPublisher(const std::string& brokers) {
-    const ConfPtr conf = make_conf(brokers);
-    std::string error;
-    if (conf->set("dr_cb", static_cast<RdKafka::DeliveryReportCb*>(this), error) != RdKafka::Conf::CONF_OK) {
-        throw std::runtime_error(error);
-    }
-    m_producer = make_producer(*conf);
-}
-
-KafkaPublisher::~KafkaPublisher() = default;
-
-void KafkaPublisher::publish(const std::string& topic, const std::string& payload, int timeout_ms) {
+void KafkaLink::send(const std::string& topic, const std::string& payload) {
     const std::lock_guard<std::mutex> lock(m_lock);
+    ++m_awaited;
     m_is_reported = false;
     m_error.clear();
-    // The library makes a copy, and reads the payload only, whatever the type says.
-    const RdKafka::ErrorCode code =
-        m_producer->produce(topic, RdKafka::Topic::PARTITION_UA, RdKafka::Producer::RK_MSG_COPY,
-                            const_cast<char*>(payload.data()), payload.size(), nullptr, 0, 0, nullptr);
+    // The library makes a copy, and reads the payload only, whatever the type says. The number comes back with the
+    // report.
+    const RdKafka::ErrorCode code = m_producer->produce(
+        topic, RdKafka::Topic::PARTITION_UA, RdKafka::Producer::RK_MSG_COPY,
+        const_cast<char*>(payload.data()), payload.size(), nullptr, 0, 0, reinterpret_cast<void*>(m_awaited));
     if (code != RdKafka::ERR_NO_ERROR) {
         throw std::runtime_error("cannot send to [" + topic + "]: " + RdKafka::err2str(code));
     }
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(SEND_TIMEOUT_MS);
     while (!m_is_reported && std::chrono::steady_clock::now() < deadline) {
         m_producer->poll(POLL_MS);
     }
     if (!m_is_reported) {
+        // What was given up must not go out later, after newer events.
         m_producer->purge(RdKafka::Producer::PURGE_QUEUE | RdKafka::Producer::PURGE_INFLIGHT);
         m_producer->poll(POLL_MS);
         throw std::runtime_error("no answer from the broker for [" + topic + "]");
@@ -165,8 +137,11 @@ void KafkaPublisher::publish(const std::string& topic, const std::string& payloa
     }
 }
 
-// Runs within `poll`, on the thread that holds the lock.
-void KafkaPublisher::dr_cb(RdKafka::Message& message) {
+// Runs within `poll`, on the thread that holds the lock. A report may be one of a message that was given up.
+void KafkaLink::dr_cb(RdKafka::Message& message) {
+    if (reinterpret_cast<uintptr_t>(message.msg_opaque()) != m_awaited) {
+        return;
+    }
     m_is_reported = true;
     if (message.err() != RdKafka::ERR_NO_ERROR) {
         m_error = message.errstr();

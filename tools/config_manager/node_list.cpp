@@ -3,12 +3,15 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <iterator>
+#include <cstdio>
+#include <map>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
+#include <system_error>
+#include <unordered_set>
 #include <utility>
 
 #include "corvalin_lib/json.h"
@@ -19,31 +22,42 @@ namespace {
 
 constexpr unsigned PORT_MAX = 65535;
 
+std::string text_of(const Node& node) {
+    return node.ip + ":" + std::to_string(node.port);
+}
+
 using Bytes = rapidjson::MemoryStream;
 using Input = rapidjson::EncodedInputStream<rapidjson::UTF8<>, Bytes>;
 
+// Counts on from the last place, so that a long list is gone through once. Offsets must not go back.
 class LineCounter {
 public:
     explicit LineCounter(const std::string& text) : m_text(text) {}
 
-    std::size_t line_of(std::size_t offset) const {
-        const auto end = m_text.begin() + static_cast<std::ptrdiff_t>(std::min(offset, m_text.size()));
-        return 1 + static_cast<std::size_t>(std::count(m_text.begin(), end, '\n'));
+    std::size_t line_of(std::size_t offset) {
+        const std::size_t end = std::min(offset, m_text.size());
+        for (; m_counted < end; ++m_counted) {
+            m_line += m_text[m_counted] == '\n' ? 1 : 0;
+        }
+        return m_line;
     }
 
 private:
     const std::string& m_text; // borrowed
+    std::size_t m_counted = 0;
+    std::size_t m_line = 1;
 };
 
 // Follows the parser's events, because a parsed document does not know its lines any more.
 class Checker : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Checker> {
 public:
-    Checker(const Input& input, const LineCounter& lines) : m_input(input), m_lines(lines) {}
+    Checker(const Input& input, LineCounter& lines) : m_input(input), m_lines(lines) {}
 
     bool StartArray() {
         if (m_depth != 0) {
             value_of_other_kind();
         }
+        m_key.clear();
         ++m_depth;
         return true;
     }
@@ -58,8 +72,8 @@ public:
             m_has_ip = false;
             m_has_port = false;
             m_node_line = line();
-        } else {
-            value_of_other_kind();
+        } else if (!value_of_other_kind()) {
+            return false;
         }
         ++m_depth;
         return true;
@@ -136,19 +150,21 @@ private:
             result.faults.push_back({m_node_line, "node without \"port\""});
         }
         const Node node{m_ip, m_port};
-        if (std::find(result.nodes.begin(), result.nodes.end(), node) != result.nodes.end()) {
+        if (!m_seen.insert(text_of(node)).second) {
             result.warnings.push_back(
-                {m_node_line, node.ip + ":" + std::to_string(node.port) +
-                                  " is listed again: it gets a double share of sessions"});
+                {m_node_line, text_of(node) + " is listed again: it gets a double share of sessions"});
         }
         result.nodes.push_back(node);
     }
 
-    // A value where another kind is wanted. Within members that routers do not use, anything goes.
+    // A value where another kind is wanted. Within members that routers do not use, anything goes. A list that is none
+    // is not looked at any further.
     bool value_of_other_kind() {
         if (m_depth == 0) {
             fault("the list is no array of nodes");
-        } else if (m_depth == NODE_DEPTH) {
+            return false;
+        }
+        if (m_depth == NODE_DEPTH) {
             fault("a node is no object");
         } else if (m_depth == MEMBER_DEPTH && m_key == "ip") {
             fault("\"ip\" is no string");
@@ -158,12 +174,12 @@ private:
         return true;
     }
 
-    std::size_t line() const { return m_lines.line_of(m_input.Tell()); }
+    std::size_t line() { return m_lines.line_of(m_input.Tell()); }
     void fault(std::string text) { result.faults.push_back({line(), std::move(text)}); }
     void warn(std::string text) { result.warnings.push_back({line(), std::move(text)}); }
 
-    const Input& m_input;       // borrowed
-    const LineCounter& m_lines; // borrowed
+    const Input& m_input; // borrowed
+    LineCounter& m_lines; // borrowed
     int m_depth = 0;
     std::size_t m_node_line = 0;
     std::string m_key;
@@ -171,33 +187,45 @@ private:
     uint16_t m_port = 0;
     bool m_has_ip = false;
     bool m_has_port = false;
+    std::unordered_set<std::string> m_seen;
 };
 
 } // namespace
 
 CheckedNodeList check_node_list(const std::string& text) {
-    const LineCounter lines(text);
+    LineCounter lines(text);
     Bytes bytes(text.data(), text.size());
     Input input(bytes);
     Checker checker(input, lines);
     rapidjson::Reader reader;
-    const rapidjson::ParseResult parsed = reader.Parse(input, checker);
-    if (parsed.IsError()) {
+    // Iterative: a text that is nothing but opening brackets would use up the stack otherwise.
+    const rapidjson::ParseResult parsed = reader.Parse<rapidjson::kParseIterativeFlag>(input, checker);
+    // The checker has told its own reason if it was the one to end the parse.
+    if (parsed.IsError() && parsed.Code() != rapidjson::kParseErrorTermination) {
         checker.result.faults.push_back(
             {lines.line_of(parsed.Offset()), rapidjson::GetParseError_En(parsed.Code())});
     }
     return std::move(checker.result);
 }
 
-CheckedNodeList read_node_list(const std::string& path) {
-    return check_node_list(read_text(path));
-}
-
 std::string read_text(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::string text{std::istreambuf_iterator<char>(file), {}};
-    if (!file.is_open() || file.bad()) {
-        throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno));
+    const auto fail = [&path]() {
+        throw std::runtime_error("cannot read " + path + ": " + std::generic_category().message(errno));
+    };
+    struct Closer {
+        void operator()(std::FILE* file) const { std::fclose(file); }
+    };
+    const std::unique_ptr<std::FILE, Closer> file(std::fopen(path.c_str(), "rbe"));
+    if (!file) {
+        fail();
+    }
+    std::string text;
+    std::array<char, 65536> piece;
+    while (const std::size_t size = std::fread(piece.data(), 1, piece.size(), file.get())) {
+        text.append(piece.data(), size);
+    }
+    if (std::ferror(file.get()) != 0) {
+        fail();
     }
     return text;
 }
@@ -215,17 +243,26 @@ std::string to_json(const NodeList& nodes) {
 }
 
 std::vector<std::string> difference(const NodeList& from, const NodeList& to) {
+    // How often each node is to be added; below zero: removed.
+    std::map<std::string, int> changes;
+    for (const Node& node : to) {
+        ++changes[text_of(node)];
+    }
+    for (const Node& node : from) {
+        --changes[text_of(node)];
+    }
     std::vector<std::string> lines;
-    const auto append_missing = [&lines](const char* mark, const NodeList& nodes, const NodeList& others) {
+    const auto take = [&changes, &lines](const char* mark, int sign, const NodeList& nodes) {
         for (const Node& node : nodes) {
-            const auto in_nodes = std::count(nodes.begin(), nodes.end(), node);
-            if (in_nodes > std::count(others.begin(), others.end(), node)) {
-                lines.push_back(mark + node.ip + ":" + std::to_string(node.port));
+            int& left = changes[text_of(node)];
+            if (left * sign > 0) {
+                lines.push_back(mark + text_of(node));
+                left -= sign;
             }
         }
     };
-    append_missing("- ", from, to);
-    append_missing("+ ", to, from);
+    take("- ", -1, from);
+    take("+ ", 1, to);
     return lines;
 }
 

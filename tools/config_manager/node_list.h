@@ -4,8 +4,7 @@
 // the wrong type ends every router at once. So each list is checked here before anything is sent.
 //
 // Threads    any.
-// Errors     every fault of a text is told with its line. read_node_list throws std::runtime_error if a file cannot be
-//            read.
+// Errors     every fault of a text is told with its line. read_text throws std::runtime_error.
 #pragma once
 
 #include <cstddef>
@@ -25,7 +24,7 @@ struct Node {
 using NodeList = std::vector<Node>;
 
 struct Remark {
-    std::size_t line = 0; // from 1
+    std::size_t line = 0; // from 1; 0 if it is about the whole list
     std::string text;
 };
 
@@ -38,16 +37,13 @@ struct CheckedNodeList {
 /// Checks a JSON array of objects with "ip", a dotted IPv4 address that packets can be sent to, and "port", 1 to 65535.
 CheckedNodeList check_node_list(const std::string& text);
 
-/// The same with the text of a file.
-CheckedNodeList read_node_list(const std::string& path);
-
 /// The whole text of a file. Throws std::runtime_error if it cannot be read.
 std::string read_text(const std::string& path);
 
 /// The list as JSON, as it stands in an event.
 std::string to_json(const NodeList& nodes);
 
-/// One line for each node that only one of the lists has: "+ ip:port" for `to`, "- ip:port" for `from`.
+/// One line for each node that only one of the lists has: "- ip:port" for `from`, then "+ ip:port" for `to`.
 std::vector<std::string> difference(const NodeList& from, const NodeList& to);
 
 } // namespace corvalin::tools
