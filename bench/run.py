@@ -23,14 +23,6 @@ from figures import Figure, print_table
 BENCH_DIR = pathlib.Path(__file__).resolve().parent
 LOAD_MODES = ["shapes", "rate", "sessions"]
 
-# Only the discard port: no broker is there, and none is needed.
-KAFKA_CONF = """\
-kafka_broker=127.0.0.1:9
-kafka_topic_request=requests
-kafka_topic_broadcast=broadcast
-"""
-
-
 def say(text):
     print(text, file=sys.stderr, flush=True)
 
@@ -41,9 +33,7 @@ def run_load(build_dir, modes, rounds, seconds, patience, folder):
     There is a place for /dev/log and nobody behind it: lines of sessions are built and then not delivered. Data
     packets write none.
     """
-    etc = folder / "etc" / "corvalin"
-    etc.mkdir(parents=True)
-    (etc / "kafka.conf").write_text(KAFKA_CONF)
+    (folder / "etc" / "corvalin").mkdir(parents=True)
     (folder / "log").mkdir()
     (folder / "dev").mkdir()
     output = folder / "figures.json"

@@ -88,8 +88,10 @@ bool Service::on_start() {
     apply_log_level();
     apply_configured_hosts();
     start_statistic();
-    // Here the messaging comes in, between the statistics and the sockets: broker settings, event handlers,
-    // dispatcher, and the requests for both node lists.
+    start_messaging();
+    for (const std::string& name : m_configs) {
+        event_request_config(name);
+    }
     if (!m_socket->open(0, INADDR_ANY)) {
         return false;
     }

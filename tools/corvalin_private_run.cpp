@@ -1,4 +1,5 @@
 // corvalin_private_run: runs a command with private fixed paths.
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,6 +23,14 @@ constexpr int EXIT_OWN_FAILURE = 125;
 constexpr int EXIT_CANNOT_INVOKE = 126;
 constexpr int EXIT_NOT_FOUND = 127;
 
+// The signal that a parent has asked for its own end by is forgotten by the kernel with the change of identity.
+void enter_keeping_death_signal(const PrivatePaths& paths) {
+    int signal = 0;
+    prctl(PR_GET_PDEATHSIG, &signal);
+    enter_private_paths(paths);
+    prctl(PR_SET_PDEATHSIG, signal);
+}
+
 // Everything behind the first "--" is the command, its own options and further "--" included, so it is cut
 // off before the parser sees it.
 int command_index(int argc, char** argv) {
@@ -37,6 +46,7 @@ int command_index(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     PrivatePaths paths;
+    std::string name;
     CLI::App app("Runs a command that sees private directories in the place of its fixed paths.\n"
                  "The machine's own /etc, /dev and /var/log stay untouched.\n\n"
                  "  corvalin_private_run [OPTIONS] -- COMMAND [ARGUMENTS]\n",
@@ -48,6 +58,7 @@ int main(int argc, char** argv) {
         ->type_name("SOCKET");
     app.add_flag("--net", paths.own_network,
                  "Network of its own that has only the loopback interface, which is up");
+    app.add_option("--name", name, "Name under which the command starts, its argv[0]")->type_name("NAME");
     app.footer(
         "As root the command gets a mount namespace of its own, for any other user a user namespace\n"
         "too. With --etc the rest of /etc is shown read-only; with --log nothing else is in /var/log.\n"
@@ -69,14 +80,18 @@ int main(int argc, char** argv) {
     }
 
     try {
-        enter_private_paths(paths);
+        enter_keeping_death_signal(paths);
     } catch (const std::exception& error) {
         std::cerr << NAME << ": " << error.what() << "\n";
         return EXIT_OWN_FAILURE;
     }
 
-    execvp(argv[command], argv + command);
+    const char* const file = argv[command];
+    if (!name.empty()) {
+        argv[command] = name.data();
+    }
+    execvp(file, argv + command);
     const int error = errno;
-    std::cerr << NAME << ": cannot run " << argv[command] << ": " << std::strerror(error) << "\n";
+    std::cerr << NAME << ": cannot run " << file << ": " << std::strerror(error) << "\n";
     return error == ENOENT ? EXIT_NOT_FOUND : EXIT_CANNOT_INVOKE;
 }

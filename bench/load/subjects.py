@@ -27,6 +27,10 @@ START_GROUP = 100_000
 START_ATTEMPTS = 4
 
 
+# As the router sees it; the network and the paths are private ones.
+KAFKA_CONF = pathlib.Path("/etc/tolvaine/corvalin/kafka.conf")
+
+
 class LoadError(Exception):
     """The load test cannot go on."""
 
@@ -145,6 +149,7 @@ class Bench:
         self._build_dir = pathlib.Path(build_dir)
         self._folder = pathlib.Path(folder)
         self._subjects = []
+        self._broker = None
 
     def __enter__(self):
         return self
@@ -152,6 +157,20 @@ class Bench:
     def __exit__(self, *_):
         for subject in self._subjects:
             subject.stop()
+        if self._broker is not None:
+            self._broker.terminate()
+            self._broker.wait()
+
+    def _start_broker(self):
+        """A broker that has nothing to say to the routers, which would wait for it at their start."""
+        command = [self._build_dir / "tools/corvalin_embedded_broker", "--topic", "requests", "--topic", "broadcast"]
+        self._broker = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        word, _, address = self._broker.stdout.readline().strip().partition(" ")
+        if word != "broker":
+            raise LoadError("the embedded broker did not start")
+        KAFKA_CONF.write_text(
+            f"kafka_broker={address}\nkafka_topic_request=requests\nkafka_topic_broadcast=broadcast\n"
+        )
 
     def _start(self, name, port, command):
         subject = Subject(name, port, [str(word) for word in command])
@@ -159,6 +178,8 @@ class Bench:
         return subject
 
     def start_router(self, name, port):
+        if self._broker is None:
+            self._start_broker()
         arguments = f"port={port},media_node=127.0.0.1:{NODE_PORT}"
         return self._start(name, port, [self._build_dir / "router/corvalin_router", "--args", arguments])
 

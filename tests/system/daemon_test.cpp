@@ -100,6 +100,11 @@ TEST_F(DaemonTest, a_daemon_detaches_writes_its_pid_file_and_logs_to_syslog) {
     expect_begin(5, daemon,
                  "SYSTEM  | CONFIGURATION: reading from file [" + (m_place.folder() / "my.conf").string() +
                      "]");
+    const auto listening = std::find_if(records.begin(), records.end(), [](const SyslogRecord& record) {
+        return record.text.find("messages listening thread [") != std::string::npos;
+    });
+    ASSERT_NE(listening, records.end());
+    const std::string listening_thread = listening->text.substr(0, listening->text.rfind(' '));
     const std::vector<SyslogRecord> end = {
         {USER_NOTICE, tag_of(daemon), "SYSTEM  | SERVICE: signal 15 has been received\n", {}},
         {USER_NOTICE, tag_of(daemon), "SYSTEM  | SERVICE: application stop has been requested\n", {}},
@@ -108,6 +113,12 @@ TEST_F(DaemonTest, a_daemon_detaches_writes_its_pid_file_and_logs_to_syslog) {
          "INFO    | SOCKET[" + std::to_string(descriptor) + "]: system interrupted call\n",
          {}},
         {USER_NOTICE, tag_of(daemon), "SYSTEM  | PACKETS_READER: thread " + main_thread + " stopped\n", {}},
+        {USER_NOTICE,
+         tag_of(daemon),
+         "SYSTEM  | MESSAGE_BROKER: rebalance \"Local: Revoke partitions\": [broadcast/0], "
+         "[corvalin_router_127o0o0o1_0/0]\n",
+         {}},
+        {USER_NOTICE, tag_of(daemon), listening_thread + " stopped\n", {}},
         {USER_NOTICE,
          tag_of(daemon),
          "SYSTEM  | STATISTIC_SERVICE: thread " + main_thread + " stopped\n",

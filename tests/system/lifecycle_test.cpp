@@ -34,12 +34,13 @@ std::string in_brackets(pid_t thread) {
     return "[" + std::to_string(thread) + "]";
 }
 
-// Takes the lines of the two threads out, which may stand anywhere behind the start of their thread.
+// Takes the lines of the three threads out, which may stand anywhere behind the start of their thread.
 std::vector<std::string> take_thread_lines(std::vector<std::string>& log) {
     std::vector<std::string> taken;
     for (auto line = log.begin(); line != log.end();) {
         const bool is_thread_start = line->find("_SERVICE: thread [") != std::string::npos ||
-                                     line->find("PACKETS_READER: thread [") != std::string::npos;
+                                     line->find("PACKETS_READER: thread [") != std::string::npos ||
+                                     line->find("messages listening thread [") != std::string::npos;
         if (is_thread_start && line->find("] started") != std::string::npos) {
             taken.push_back(*line);
             line = log.erase(line);
@@ -51,7 +52,8 @@ std::vector<std::string> take_thread_lines(std::vector<std::string>& log) {
     return taken;
 }
 
-std::vector<std::string> kafka_lines(const std::string& name) {
+// The lines of the Kafka configuration.
+std::vector<std::string> kafka_lines(const std::string& broker, const std::string& name) {
     std::array<char, 16> number{};
     std::snprintf(number.data(), number.size(), "(0x%08x)", static_cast<unsigned int>(RdKafka::version()));
     std::vector<std::string> lines = {"SYSTEM  | SERVICE: kafka running version: " + RdKafka::version_str() +
@@ -61,12 +63,31 @@ std::vector<std::string> kafka_lines(const std::string& name) {
     }
     lines.insert(lines.end(),
                  {"SYSTEM  | CONFIGURATION: reading from file [/etc/tolvaine/corvalin/kafka.conf]",
-                  "SYSTEM  | CONFIGURATION: option [kafka_broker] is set to [127.0.0.1:1]",
+                  "SYSTEM  | CONFIGURATION: option [kafka_broker] is set to [" + broker + "]",
                   "SYSTEM  | CONFIGURATION: option [kafka_topic_broadcast] is set to [broadcast]",
                   "SYSTEM  | CONFIGURATION: option [kafka_topic_request] is set to [request]",
                   "SYSTEM  | SERVICE: kafka topic is set to [" + name + "]",
                   "SYSTEM  | SERVICE: kafka group is set to [" + name + "]"});
     return lines;
+}
+
+// The lines of a start on a broker whose topics are empty: first assignment, and the requests for both lists.
+std::vector<std::string> subscription_lines(const std::string& name) {
+    const auto request = [&name](const std::string& configuration) {
+        return R"(SYSTEM  | EVENT_DISPATCHER: dispatch to [request]: {"type":"configuration_request", )"
+               R"("configuration":")" +
+               configuration + R"(", "config_topic":")" + name + R"("})";
+    };
+    return {
+        "SYSTEM  | MESSAGE_BROKER: rebalance \"Local: Assign partitions\": [broadcast/0], [" + name + "/0]",
+        "SYSTEM  | MESSAGE_BROKER: sync offset for [broadcast/0] from (-1001) to (0)",
+        "SYSTEM  | MESSAGE_BROKER: sync offset for [" + name + "/0] from (-1001) to (0)",
+        "SYSTEM  | MESSAGE_BROKER: subscribed for [broadcast], [" + name + "] topic(s)",
+        request("corvalin_media_nodes"),
+        "INFO    | MESSAGE_BROKER: message delivered to request[0] at offset (0)",
+        request("corvalin_writer_nodes"),
+        "INFO    | MESSAGE_BROKER: message delivered to request[0] at offset (1)",
+    };
 }
 
 class LifecycleTest : public RouterTest {
@@ -86,14 +107,16 @@ TEST_F(LifecycleTest, the_lines_of_a_start_and_a_stop_stand_in_their_order) {
 
     std::vector<std::string> log = router().log();
     const std::vector<std::string> thread_lines = take_thread_lines(log);
-    ASSERT_EQ(thread_lines.size(), 2u);
-    EXPECT_THAT(thread_lines[0], MatchesRegex("SYSTEM  \\| PACKETS_READER: thread \\[[0-9]+\\] started"));
-    EXPECT_THAT(thread_lines[1], MatchesRegex("SYSTEM  \\| STATISTIC_SERVICE: thread \\[[0-9]+\\] started"));
+    ASSERT_EQ(thread_lines.size(), 3u);
+    EXPECT_THAT(thread_lines[0],
+                MatchesRegex("SYSTEM  \\| MESSAGE_BROKER: messages listening thread \\[[0-9]+\\] started"));
+    EXPECT_THAT(thread_lines[1], MatchesRegex("SYSTEM  \\| PACKETS_READER: thread \\[[0-9]+\\] started"));
+    EXPECT_THAT(thread_lines[2], MatchesRegex("SYSTEM  \\| STATISTIC_SERVICE: thread \\[[0-9]+\\] started"));
     std::set<pid_t> announced = {router().pid()};
     for (const std::string& line : thread_lines) {
         announced.insert(static_cast<pid_t>(std::stol(line.substr(line.find('[') + 1))));
     }
-    EXPECT_EQ(announced.size(), 3u);
+    EXPECT_EQ(announced.size(), 4u);
     for (const pid_t thread : announced) {
         EXPECT_THAT(threads, Contains(thread));
     }
@@ -109,14 +132,23 @@ TEST_F(LifecycleTest, the_lines_of_a_start_and_a_stop_stand_in_their_order) {
         "SYSTEM  | CONFIGURATION: flag [discard_writer_node] applied",
         "", // the version of the library that it was built against, below
     };
-    for (const auto& part : {kafka_lines("corvalin_router_127o0o0o1_0"), stop_lines(SIGTERM)}) {
+    const std::string name = "corvalin_router_127o0o0o1_0";
+    for (const auto& part :
+         {kafka_lines(router().broker(), name), subscription_lines(name), stop_lines(SIGTERM)}) {
         expected.insert(expected.end(), part.begin(), part.end());
     }
-    expected.insert(expected.end(),
-                    {"INFO    | SOCKET[" + std::to_string(receive_descriptor) + "]: system interrupted call",
-                     "SYSTEM  | PACKETS_READER: thread " + main_thread + " stopped",
-                     "SYSTEM  | STATISTIC_SERVICE: thread " + main_thread + " stopped",
-                     "SYSTEM  | SERVICE: [corvalinrouter] main thread " + main_thread + " stopped"});
+    expected.insert(
+        expected.end(),
+        {"INFO    | SOCKET[" + std::to_string(receive_descriptor) + "]: system interrupted call",
+         "SYSTEM  | PACKETS_READER: thread " + main_thread + " stopped",
+         "SYSTEM  | MESSAGE_BROKER: rebalance \"Local: Revoke partitions\": [broadcast/0], [" + name + "/0]",
+         // From here on it is one line of the thread itself.
+         "SYSTEM  | MESSAGE_BROKER: " +
+             thread_lines[0].substr(thread_lines[0].find("messages"),
+                                    thread_lines[0].rfind(' ') - thread_lines[0].find("messages")) +
+             " stopped",
+         "SYSTEM  | STATISTIC_SERVICE: thread " + main_thread + " stopped",
+         "SYSTEM  | SERVICE: [corvalinrouter] main thread " + main_thread + " stopped"});
     ASSERT_EQ(log.size(), expected.size());
     EXPECT_THAT(log[2],
                 MatchesRegex("SYSTEM  \\| build version: \"[0-9]{6}:[0-9]{6} [0-9a-f]{16}@[^ \"]+\""));
@@ -322,46 +354,57 @@ TEST_F(LifecycleTest, a_stop_under_load_ends_with_status_0) {
 TEST_F(LifecycleTest, a_port_in_use_fails_the_start_with_the_reason) {
     const UdpNode occupant;
     const std::string port = std::to_string(occupant.port());
-    // Threads of the service run when the process exits: often enough to show an exit that falls over them.
-    for (int round = 0; round < 20; ++round) {
-        RouterProcess process(m_place, {"--args", "port=" + port});
+    // Threads of the service run when the process exits: often enough to show an exit that falls over them. Side by
+    // side, as each waits for its broker.
+    constexpr int ROUNDS = 20;
+    std::list<RouterPlace> places;
+    std::list<RouterProcess> routers;
+    for (int round = 0; round < ROUNDS; ++round) {
+        routers.emplace_back(places.emplace_back(), std::vector<std::string>{"--args", "port=" + port});
+    }
+    for (RouterProcess& process : routers) {
         EXPECT_EQ(process.wait_for_exit(), exited(1));
         std::vector<std::string> log = process.log();
         const std::vector<std::string> thread_lines = take_thread_lines(log);
-        ASSERT_LE(thread_lines.size(), 1u) << "the reader was started";
-        ASSERT_GE(log.size(), 4u);
-        EXPECT_THAT(
-            std::vector<std::string>(log.end() - 4, log.end()),
-            ElementsAre("SYSTEM  | SERVICE: kafka topic is set to [corvalin_router_127o0o0o1_" + port + "]",
-                        "SYSTEM  | SERVICE: kafka group is set to [corvalin_router_127o0o0o1_" + port + "]",
-                        MatchesRegex("ERROR   \\| SOCKET\\[[0-9]+\\]: failed to bind a socket, error "
-                                     "\\(98\\): Address already in use"),
-                        "SYSTEM  | SERVICE: [corvalinrouter] main thread " + in_brackets(process.pid()) +
-                            " stopped"));
+        for (const std::string& line : thread_lines) {
+            EXPECT_EQ(line.find("PACKETS_READER"), std::string::npos) << line;
+        }
+        ASSERT_GE(log.size(), 3u);
+        EXPECT_THAT(std::vector<std::string>(log.end() - 3, log.end()),
+                    ElementsAre("INFO    | MESSAGE_BROKER: message delivered to request[0] at offset (1)",
+                                MatchesRegex("ERROR   \\| SOCKET\\[[0-9]+\\]: failed to bind a socket, error "
+                                             "\\(98\\): Address already in use"),
+                                "SYSTEM  | SERVICE: [corvalinrouter] main thread " +
+                                    in_brackets(process.pid()) + " stopped"));
+        EXPECT_EQ(process.log_count("SYSTEM  | SERVICE: kafka topic is set to [corvalin_router_127o0o0o1_" +
+                                    port + "]"),
+                  1u);
     }
     // The banner shows the configured port.
-    EXPECT_EQ(reports(syslog(), occupant.port()).size(), syslog().records().size());
+    for (RouterPlace& place : places) {
+        EXPECT_EQ(reports(place.syslog(), occupant.port()).size(), place.syslog().records().size());
+    }
 }
 
 TEST_F(LifecycleTest, the_router_listens_on_its_configured_port_on_all_addresses) {
+    if (!in_own_network()) { // where nobody else can take the port meanwhile
+        return;
+    }
     uint16_t free_port = 0;
     {
         const UdpNode node;
         free_port = node.port();
     }
-    in_own_network([&] { // where nobody else can take the port meanwhile
-        RouterPlace place;
-        UdpNode node;
-        write_file(place.router_conf(),
-                   "port=" + std::to_string(free_port) + "\nwriter_node=" + node.address());
-        RouterProcess process(place);
-        ASSERT_TRUE(process.wait_until_receiving());
-        EXPECT_EQ(process.port(), free_port);
-        UdpSender sender(free_port);
-        sender.send(start_packet().id(1).seq(1).flags(TO_WRITER).bytes());
-        EXPECT_TRUE(node.receive().has_value());
-        EXPECT_EQ(place.syslog().texts(STATISTIC_NOTICE).size(), reports(place.syslog(), free_port).size());
-    });
+    UdpNode node;
+    write_file(m_place.router_conf(),
+               "port=" + std::to_string(free_port) + "\nwriter_node=" + node.address());
+    RouterProcess process(m_place);
+    ASSERT_TRUE(process.wait_until_receiving());
+    EXPECT_EQ(process.port(), free_port);
+    UdpSender sender(free_port);
+    sender.send(start_packet().id(1).seq(1).flags(TO_WRITER).bytes());
+    EXPECT_TRUE(node.receive().has_value());
+    EXPECT_EQ(syslog().texts(STATISTIC_NOTICE).size(), reports(syslog(), free_port).size());
 }
 
 TEST_F(LifecycleTest, a_router_without_syslog_routes) {

@@ -228,6 +228,12 @@ TEST_F(PrivateRunTest, tells_its_own_failures_from_those_of_the_command) {
     }
 }
 
+TEST_F(PrivateRunTest, starts_the_command_under_another_name) {
+    ToolProcess process({CORVALIN_PRIVATE_RUN_PATH, "--name", "other", "--", "sh", "-c", "echo $0"});
+    EXPECT_EQ(process.wait(), 0) << process.err();
+    EXPECT_EQ(process.read_line(), "other");
+}
+
 TEST_F(PrivateRunTest, gives_the_command_a_network_with_nothing_but_loopback) {
     ToolProcess process(
         {CORVALIN_PRIVATE_RUN_PATH, "--net", "--", "sh", "-c",

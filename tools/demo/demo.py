@@ -148,6 +148,20 @@ def show_progress(nodes, state):
     print(f"\r{line:<70}" if sys.stdout.isatty() else line, end="" if sys.stdout.isatty() else "\n", flush=True)
 
 
+def start_broker(tools, folder):
+    """Ends with the demo. kafka.conf names it, as its port is the kernel's choice."""
+    broker = start(
+        [os.path.join(tools, "corvalin_embedded_broker"), *("--topic", "requests"), *("--topic", "broadcast")],
+        stdin=subprocess.PIPE,
+        stdout=subprocess.PIPE,
+    )
+    word, _, address = broker.stdout.readline().strip().partition(" ")
+    if word != "broker":
+        raise DemoError("the embedded broker did not start")
+    with open(os.path.join(folder, "etc", "corvalin", "kafka.conf"), "w", encoding="utf-8") as file:
+        file.write(f"kafka_broker={address}\nkafka_topic_request=requests\nkafka_topic_broadcast=broadcast\n")
+
+
 def run_inside(build, folder):
     tools = os.path.join(build, "tools")
     sink = SyslogSink("log.socket")
@@ -160,6 +174,7 @@ def run_inside(build, folder):
     def addresses(ports):
         return ",,".join(f"127.0.0.1:{port}" for port in ports)
 
+    start_broker(tools, folder)
     options = f"port={ROUTER_PORT},writer_node={addresses(WRITER_PORTS)},media_node={addresses(MEDIA_PORTS)}"
     router_log = os.path.join(folder, "router.log")
     print(f"Starting corvalin_router with --args {options}")
@@ -258,9 +273,6 @@ def run_outside(build):
     shutil.rmtree(folder, ignore_errors=True)
     for name in ("etc/corvalin", "log"):
         os.makedirs(os.path.join(folder, name))
-    # Lists come by --args in this demo. The router wants its Kafka settings all the same.
-    with open(os.path.join(folder, "etc", "corvalin", "kafka.conf"), "w", encoding="utf-8") as file:
-        file.write("kafka_broker=127.0.0.1:9092\nkafka_topic_request=requests\nkafka_topic_broadcast=broadcast\n")
     return subprocess.call(
         [
             os.path.join(build, "tools", "corvalin_private_run"),

@@ -1,7 +1,5 @@
 #include "tests/support/system/router_process.h"
 
-#include "tools/tool_support/private_paths.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -17,10 +15,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
@@ -30,6 +29,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr const char* BROKER_PREFIX = "broker ";
+// Path of a file that a test in a network of its own makes, so that a run without that test is no success.
+constexpr const char* OWN_NETWORK_VARIABLE = "CORVALIN_TEST_IN_OWN_NETWORK";
 constexpr std::size_t SHOWN_LINES = 50; // of the log of a test that has failed
 constexpr const char* TIME_SHAPE = "dddd.dd.dd dd:dd:dd.dddddd | ";
 
@@ -134,9 +136,19 @@ ExitStatus status_of(int raw) {
     return killed_by(WTERMSIG(raw));
 }
 
-// In the child, between fork and exec.
-[[noreturn]] void become_router(const tools::PrivatePaths& paths, const std::vector<std::string>& arguments,
-                                const std::string& folder, int output, int error) {
+std::vector<char*> pointers_to(const std::vector<std::string>& words) {
+    std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
+    for (const std::string& word : words) {
+        pointers.push_back(const_cast<char*>(word.c_str()));
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+// In the child, between fork and exec. The test may have threads that hold locks of the heap, which nobody releases
+// here, so nothing is allocated; the namespaces are entered by the command.
+[[noreturn]] void become(char* const* command, const char* folder, int output, int error) {
     const int null = open("/dev/null", O_RDONLY);
     if (null < 0 || dup2(null, STDIN_FILENO) < 0 || dup2(output, STDOUT_FILENO) < 0 ||
         dup2(error, STDERR_FILENO) < 0) {
@@ -144,24 +156,10 @@ ExitStatus status_of(int raw) {
     }
     const rlimit no_core{0, 0};
     setrlimit(RLIMIT_CORE, &no_core);
-    try {
-        tools::enter_private_paths(paths);
-    } catch (const std::exception& failure) {
-        dprintf(STDERR_FILENO, "private paths: %s\n", failure.what());
-        _exit(127);
+    prctl(PR_SET_PDEATHSIG, SIGKILL); // a test that crashes leaves no router behind
+    if (chdir(folder) == 0) {
+        execv(command[0], command);
     }
-    prctl(PR_SET_PDEATHSIG, SIGKILL); // a test that crashes leaves no router behind; a new identity resets it
-    if (chdir(folder.c_str()) != 0) {
-        dprintf(STDERR_FILENO, "chdir failed\n");
-        _exit(127);
-    }
-    std::vector<char*> argv;
-    for (const std::string& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
-    execv(router_executable().c_str(), argv.data());
-    dprintf(STDERR_FILENO, "exec failed\n");
     _exit(127);
 }
 
@@ -172,10 +170,20 @@ std::string router_executable() {
 }
 
 RouterPlace::RouterPlace() : m_syslog((folder() / "dev_log").string()) {
-    write_file(kafka_conf(), "kafka_broker=127.0.0.1:1\n"
-                             "kafka_topic_broadcast=broadcast\n"
-                             "kafka_topic_request=request\n");
     fs::create_directories(log_folder());
+    choose_broker("127.0.0.1:1");
+}
+
+bool RouterPlace::can_choose_broker() const {
+    return fs::exists(kafka_conf()) && read_file(kafka_conf()) == m_kafka_conf_text;
+}
+
+void RouterPlace::choose_broker(const std::string& address) {
+    m_kafka_conf_text = "kafka_broker=" + address +
+                        "\n"
+                        "kafka_topic_broadcast=broadcast\n"
+                        "kafka_topic_request=request\n";
+    write_file(kafka_conf(), m_kafka_conf_text);
 }
 
 std::ostream& operator<<(std::ostream& stream, const ExitStatus& status) {
@@ -189,25 +197,50 @@ RouterProcess::RouterProcess(RouterPlace& place, const std::vector<std::string>&
 
 RouterProcess::RouterProcess(RouterPlace& place, const std::vector<std::string>& arguments, Options options)
     : m_place(place) {
+    if (m_place.can_choose_broker()) {
+        start_broker();
+    }
     start(arguments, options);
 }
 
+void RouterProcess::start_broker() {
+    // A topic that is left to appear by itself has four partitions; here that of a router with a port of its own.
+    const std::vector<std::string> command = {
+        CORVALIN_EMBEDDED_BROKER_PATH, "--topic", "broadcast", "--topic", "request", "--topic",
+        "corvalin_router_127o0o0o1_0"};
+    m_broker.emplace(command, ToolProcess::Input::LINES);
+    const std::string line = m_broker->read_line();
+    if (line.compare(0, std::strlen(BROKER_PREFIX), BROKER_PREFIX) != 0) {
+        throw std::runtime_error("no embedded broker: " + line + m_broker->err());
+    }
+    m_broker_address = line.substr(std::strlen(BROKER_PREFIX));
+    m_place.choose_broker(m_broker_address);
+}
+
 void RouterProcess::start(const std::vector<std::string>& arguments, const Options& options) {
-    std::vector<std::string> argv = {options.name.empty() ? router_executable() : options.name};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    std::vector<std::string> words = {CORVALIN_PRIVATE_RUN_PATH,
+                                      "--etc",
+                                      (m_place.folder() / "etc").string(),
+                                      "--log",
+                                      (m_place.folder() / "log").string(),
+                                      "--dev-log",
+                                      m_place.syslog().path()};
+    if (!options.name.empty()) {
+        words.insert(words.end(), {"--name", options.name});
+    }
+    words.insert(words.end(), {"--", router_executable()});
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    const std::vector<char*> command = pointers_to(words);
     const std::string folder =
         options.working_folder.empty() ? m_place.folder().string() : options.working_folder;
-    tools::PrivatePaths paths;
-    paths.etc_dir = (m_place.folder() / "etc").string();
-    paths.log_dir = (m_place.folder() / "log").string();
-    paths.dev_log_socket = m_place.syslog().path();
     if (options.blocked_log) {
         m_error.fill();
     }
     prctl(PR_SET_CHILD_SUBREAPER, 1); // for follow_daemon
+    m_siblings = children_of(getpid());
     m_pid = fork();
     if (m_pid == 0) {
-        become_router(paths, argv, folder, m_output.write_end(), m_error.write_end());
+        become(command.data(), folder.c_str(), m_output.write_end(), m_error.write_end());
     }
     if (m_pid < 0) {
         fail("fork");
@@ -341,8 +374,11 @@ void RouterProcess::follow_daemon() {
     }
     const pid_t launcher = m_pid;
     const bool found = eventually([&] {
-        const std::vector<pid_t> children = children_of(getpid());
-        m_pid = children.empty() ? launcher : children.front();
+        for (const pid_t child : children_of(getpid())) {
+            if (std::find(m_siblings.begin(), m_siblings.end(), child) == m_siblings.end()) {
+                m_pid = child;
+            }
+        }
         return m_pid != launcher;
     });
     if (!found) {
@@ -393,22 +429,32 @@ bool is_alive(pid_t process) {
     return !state.empty() && state[0] != 'Z' && state[0] != 'X';
 }
 
-void in_own_network(const std::function<void()>& body) {
+bool in_own_network() {
+    if (const char* const marker = std::getenv(OWN_NETWORK_VARIABLE)) {
+        write_file(marker, "");
+        return true;
+    }
+    const ::testing::TestInfo& test = *::testing::UnitTest::GetInstance()->current_test_info();
+    const std::string executable = fs::read_symlink("/proc/self/exe").string();
+    const std::string filter = std::string("--gtest_filter=") + test.test_suite_name() + "." + test.name();
+    const TempFolder folder;
+    const std::string marker = (folder.path() / "entered").string();
+    const std::vector<std::string> words = {CORVALIN_PRIVATE_RUN_PATH,
+                                            "--net",
+                                            "--",
+                                            "env",
+                                            "--unset=GTEST_TOTAL_SHARDS",
+                                            "--unset=GTEST_SHARD_INDEX",
+                                            "--unset=GTEST_OUTPUT",
+                                            OWN_NETWORK_VARIABLE + ("=" + marker),
+                                            executable,
+                                            filter};
+    const std::vector<char*> command = pointers_to(words);
     std::cout.flush();
     std::fflush(stdout);
     const pid_t child = fork();
     if (child == 0) {
-        try {
-            tools::PrivatePaths paths;
-            paths.own_network = true;
-            tools::enter_private_paths(paths);
-            body();
-        } catch (const std::exception& failure) {
-            ADD_FAILURE() << failure.what();
-        }
-        std::cout.flush();
-        std::fflush(stdout);
-        _exit(::testing::Test::HasFailure() ? 1 : 0);
+        become(command.data(), ".", STDOUT_FILENO, STDERR_FILENO);
     }
     if (child < 0) {
         fail("fork");
@@ -416,6 +462,8 @@ void in_own_network(const std::function<void()>& body) {
     int raw = 0;
     waitpid(child, &raw, 0);
     EXPECT_EQ(status_of(raw), exited(0)) << "in a network namespace of its own";
+    EXPECT_TRUE(fs::exists(marker)) << "the test was not run";
+    return false;
 }
 
 } // namespace corvalin::test

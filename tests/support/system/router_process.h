@@ -1,7 +1,9 @@
 // router_process: the real executable as a child process, with fixed paths of its own.
 //
 // A RouterProcess runs in a RouterPlace, which holds what stands in the place of /etc/tolvaine,
-// /var/log/tolvaine and /dev/log. Its UDP port is the kernel's choice unless the configuration names one.
+// /var/log/tolvaine and /dev/log. Its UDP port is the kernel's choice unless the configuration names one. It has an
+// embedded Kafka broker of its own, unless the test writes kafka.conf: routers with one port are one consumer group,
+// and that broker gives a group its first assignment after 3 s, but any later one after 44.
 //
 // Threads    one thread at a time; the captures have their own.
 // Ownership  the destructor ends the process. A process that has ended by itself, without the test asking for its
@@ -13,13 +15,13 @@
 #include "tests/support/system/syslog_socket.h"
 #include "tests/support/system/temp_folder.h"
 #include "tests/support/system/wait.h"
+#include "tests/support/tool_process.h"
 
 #include <sys/types.h>
 
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -33,13 +35,16 @@ std::string router_executable();
 /// The machine as the router sees it: files and the syslog socket, all in a temp folder.
 class RouterPlace {
 public:
-    /// Makes kafka.conf, without which the router does not start, and no router.conf.
+    /// Makes no router.conf. The first router that starts makes kafka.conf, without which it would not start.
     RouterPlace();
 
     const std::filesystem::path& folder() const { return m_folder.path(); }
     /// What the router sees as /etc/tolvaine/corvalin/router.conf and kafka.conf.
     std::filesystem::path router_conf() const { return folder() / "etc" / "corvalin" / "router.conf"; }
     std::filesystem::path kafka_conf() const { return folder() / "etc" / "corvalin" / "kafka.conf"; }
+    /// Makes kafka.conf name this broker. False if the test has written or removed that file.
+    bool can_choose_broker() const;
+    void choose_broker(const std::string& address);
     /// What the router sees as /var/log/tolvaine/corvalin.
     std::filesystem::path log_folder() const { return folder() / "log" / "corvalin"; }
     SyslogSocket& syslog() { return m_syslog; }
@@ -48,6 +53,7 @@ public:
 private:
     TempFolder m_folder;
     SyslogSocket m_syslog;
+    std::string m_kafka_conf_text; // as it was written last by this object
 };
 
 /// How a process has ended.
@@ -92,6 +98,8 @@ public:
     RouterProcess& operator=(const RouterProcess&) = delete;
 
     pid_t pid() const { return m_pid; }
+    /// "127.0.0.1:PORT"; empty if the test has written kafka.conf.
+    const std::string& broker() const { return m_broker_address; }
 
     /// Waits until the main thread blocks in recv and all others block too: from then on a signal interrupts it,
     /// since the kernel prefers the main thread. False, and the test has failed, if it does not come to that.
@@ -122,13 +130,17 @@ public:
     void kill();
 
     /// The process is one that puts itself into the background: waits for its own exit status 0, and from then on
-    /// this object stands for the daemon that it left. Not for a test that has other children.
+    /// this object stands for the daemon that it left. Not for a test that starts other processes meanwhile.
     void follow_daemon();
 
 private:
+    void start_broker();
     void start(const std::vector<std::string>& arguments, const Options& options);
 
-    RouterPlace& m_place; // borrowed
+    RouterPlace& m_place;                // borrowed
+    std::optional<ToolProcess> m_broker; // outlives the router
+    std::string m_broker_address;
+    std::vector<pid_t> m_siblings; // children of this process before the router was one
     StreamCapture m_error;
     StreamCapture m_output;
     pid_t m_pid = -1;
@@ -152,8 +164,10 @@ uint64_t status_kilobytes(pid_t process, const std::string& name);
 /// True until the process has ended, by itself or not. A zombie has ended.
 bool is_alive(pid_t process);
 
-/// Runs `body` in a child process in a network namespace of its own, with all rights over it. Failures in there
-/// are failures of the calling test. Call it before the test has any thread.
-void in_own_network(const std::function<void()>& body);
+/// Runs the calling test once more, in a process with a network namespace of its own and all rights over it. True in
+/// that process. False in the other one, when the run is over; its failures are failures of the calling test. So a test
+/// begins with `if (!in_own_network()) return;`. The process is a new one, since ThreadSanitizer bears no threads in a
+/// child that was only forked.
+bool in_own_network();
 
 } // namespace corvalin::test
