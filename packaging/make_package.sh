@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# make_package.sh BUILD_DIR OUTPUT_DIR [VERSION]: packs a built tree as a Debian package.
-# The version is that of debian/changelog, but for a test that wants a second package to upgrade to.
+# make_package.sh BUILD_DIR OUTPUT_DIR [VERSION]: packs a built tree as a Debian package and checks it with lintian. With
+# a version in the place of that of debian/changelog it is a second package for a test to upgrade to, and not checked.
 set -euo pipefail
 
 source_dir="$(cd "$(dirname "$0")/.." && pwd)"
 build_dir="$(cd "$1" && pwd)"
 mkdir -p "$2"
+rm -f "$2"/*.deb "$2"/*.changes "$2"/*.buildinfo
 output_dir="$(cd "$2" && pwd)"
 version="${3-}"
 
@@ -21,6 +22,8 @@ fi
 cd "$work_dir/tree"
 export BUILD_DIR="$build_dir" SOURCE_DIR="$source_dir"
 # Dependencies are the Makefile's business here: a tool may well be there without its package.
+# Debug symbols are no part of what a test upgrades.
+[ -z "$version" ] || export DEB_BUILD_OPTIONS=noddebs
 dpkg-buildpackage --build=binary --no-check-builddeps --no-sign --no-pre-clean >"$output_dir/build.log" 2>&1 || {
     cat "$output_dir/build.log" >&2
     exit 1
@@ -29,6 +32,9 @@ mv "$work_dir"/*.deb "$work_dir"/*.changes "$work_dir"/*.buildinfo "$output_dir"
 rm -rf "$work_dir"
 
 cd "$output_dir"
+if [ -z "$version" ]; then
+    lintian --allow-root --fail-on error,warning ./*.changes
+fi
 for package in corvalin-router_*.deb; do
     echo "Package: $output_dir/$package"
 done

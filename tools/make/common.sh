@@ -30,7 +30,7 @@ install_packages() {
 
 install_build_packages() {
     install_packages g++ cmake ninja-build pkg-config git librdkafka-dev rapidjson-dev zlib1g-dev libcli11-dev \
-        libgtest-dev libgmock-dev libbenchmark-dev python3 iproute2
+        libgtest-dev libgmock-dev libbenchmark-dev python3 iproute2 scdoc
 }
 
 # install_package_packages: what packs, checks and tries the Debian package.

@@ -1,0 +1,33 @@
+"""What the packaging tests share: where things are, and the package laid out in a folder."""
+
+import os
+import subprocess
+import tempfile
+from pathlib import Path
+
+SOURCE = Path(__file__).resolve().parents[2]
+BUILD = Path(os.environ["CORVALIN_BUILD_DIR"])
+PACKAGES = Path(os.environ["CORVALIN_PACKAGE_DIR"])
+
+TOOLS = sorted(path.stem for path in (SOURCE / "tools").glob("corvalin_*.cpp"))
+
+
+def run(*command, check=True, **options):
+    """Output as text; a failure shows what the command said."""
+    result = subprocess.run([str(word) for word in command], capture_output=True, text=True, check=False, **options)
+    if check and result.returncode != 0:
+        raise AssertionError(f"{command} ended with {result.returncode}:\n{result.stdout}\n{result.stderr}")
+    return result
+
+
+def package(folder=PACKAGES):
+    found = list(folder.glob("corvalin-router_*.deb"))
+    assert len(found) == 1, f"{folder}: {found}"
+    return found[0]
+
+
+def unpacked_package():
+    """A TemporaryDirectory with the files of the package below it; nothing is installed."""
+    folder = tempfile.TemporaryDirectory(prefix="corvalin_package_")
+    run("dpkg-deb", "--extract", package(), folder.name)
+    return folder
