@@ -342,7 +342,7 @@ int main(int argc, char** argv) {
     app.add_option("--topic", topics,
                    "Topic to create with one partition, before the first line; may be repeated")
         ->type_name("NAME")
-        ->take_all();
+        ->allow_extra_args(false);
     app.footer(
         "Commands are read from standard input, one per line. Each is answered by \"ok\" or \"error "
         "TEXT\":\n" +

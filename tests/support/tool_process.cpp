@@ -151,8 +151,8 @@ void ToolProcess::read_some(std::chrono::steady_clock::time_point deadline) {
     }
 }
 
-std::string ToolProcess::read_line() {
-    const auto deadline = std::chrono::steady_clock::now() + LIMIT;
+std::string ToolProcess::read_line(std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     std::size_t end;
     while ((end = m_out.text.find('\n')) == std::string::npos && m_out.fd >= 0) {
         read_some(deadline);

@@ -37,7 +37,7 @@ public:
     void close_input();
 
     /// The next line of standard output without its line feed, empty if the output ended.
-    std::string read_line();
+    std::string read_line(std::chrono::milliseconds limit = LIMIT);
     /// Waits for the end of the process. Its exit status, or the negative number of the signal that ended it.
     int wait();
 
