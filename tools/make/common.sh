@@ -38,10 +38,12 @@ install_package_packages() {
     install_packages bash-completion debhelper dpkg-dev fakeroot file lintian mandoc rsyslog scdoc systemd tshark
 }
 
-# install_kafka_packages: what the tests against Apache Kafka need. Java and Maven may well be here without a package.
+# install_kafka_packages: what the tests against Apache Kafka need, and a Kafka client of another making. Java and Maven
+# may well be here without a package.
 install_kafka_packages() {
     command -v java >/dev/null || install_packages openjdk-17-jre-headless
     command -v mvn >/dev/null || install_packages maven
+    install_packages python3-kafka
 }
 
 # prepare_kafka: fetches the broker before the tests start, so that none of them waits for a download. Without a registry

@@ -102,11 +102,6 @@ void KafkaTest::TearDown() {
     }
 }
 
-void KafkaTest::TearDownTestSuite() {
-    s_broker.reset();
-    s_kind.reset();
-}
-
 std::string node_list_event(const std::string& type, uint64_t version,
                             const std::vector<const UdpNode*>& nodes) {
     std::string data;

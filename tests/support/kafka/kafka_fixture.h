@@ -1,7 +1,7 @@
 // kafka_fixture: a test with a broker of either kind, topics of its own, a peer in the manager's place and any
 // number of routers.
 //
-// All tests of a suite that run in one process share the broker, which is up again after each. Names of topics
+// All tests with one kind of broker that run in one process share it; it is up again after each. Names of topics
 // and groups hold the router's port and are never used twice.
 #pragma once
 
@@ -62,7 +62,6 @@ protected:
     /// Skips where the broker cannot be had; in CI that is a failure.
     void SetUp() override;
     void TearDown() override;
-    static void TearDownTestSuite();
 
     Broker& broker() { return *s_broker; }
     EmbeddedBroker& embedded_broker() { return dynamic_cast<EmbeddedBroker&>(*s_broker); }
