@@ -63,12 +63,6 @@ Service::Service() : KafkaService("router") {
     m_routing_manager = std::make_unique<RoutingManager>(m_socket.get());
 }
 
-Service::~Service() {
-    m_dispatcher.reset();
-    m_routing_manager.reset();
-    m_socket.reset();
-}
-
 void Service::on_pre_start() {
     log::write(SOURCE, __LINE__,
                log::SystemMessage() << "build version: \"" << CORVALIN_BUILD_VERSION << "\"");

@@ -1,11 +1,10 @@
 // service: the router as a service. Here all subsystems are wired together.
 //
-// Threads    everything on the main thread, which ends in the receive loop.
-// Ownership  owns the forwarding socket and the routing manager, which outlive on_start and go with the
-// service. The
+// Threads    everything on the main thread, which ends in the receive loop; but the handlers of events, which run on the
+//            consumer thread.
+// Ownership  owns the forwarding socket and the routing manager, which outlive on_start and go with the service. The
 //            receive socket and the packet reader live in on_start.
-// Errors     a socket that cannot be opened has been logged by itself and fails the start. A log level that
-// would hide
+// Errors     a socket that cannot be opened has been logged by itself and fails the start. A log level that would hide
 //            errors throws a string that nothing catches. A broker that cannot be reached only delays the start. Members
 //            of an event that are of the wrong type end the process by RapidJSON's assertion, on purpose.
 #pragma once
@@ -31,7 +30,7 @@ class Service : public app::KafkaService<Configuration> {
 public:
     Service();
     /// The sessions that are left go without a terminate packet to their nodes.
-    ~Service() override;
+    ~Service() override = default;
 
     /// The names of the configurations that the router consumes. They are also the types of the events that bring
     /// them, and keys of the version table.
@@ -41,6 +40,9 @@ protected:
     void on_pre_start() override;
     bool on_start() override;
     void on_set_kafka_params(std::string& group, std::string& topic) override;
+
+    /// Builds the dispatcher. Blocks as its constructor does.
+    void start_messaging();
 
     // Handlers of events: `context` is the parsed event.
     void event_on_config_manager_started(const std::string& type, void* context);
@@ -55,6 +57,13 @@ protected:
     /// Appends the nodes of a JSON array. A bad element is logged and left out.
     static void read_hosts(const rapidjson::Value& array, std::list<net::HostAddr>& hosts);
 
+    // Destroyed from the last to the first: the dispatcher and its threads, the sessions, the socket that they send by.
+    std::unique_ptr<net::Socket> m_socket; // forwarding only; bound to a port of the kernel's choice
+    std::unique_ptr<RoutingManager> m_routing_manager; // borrows m_socket
+    // Set and reset by the main thread, while the consumer thread already, or still, runs: a handler that sends before
+    // it is set meets a null pointer, and that gap is accepted.
+    Owner<messaging::EventDispatcher> m_dispatcher;
+
 private:
     // What tells the two kinds of node lists apart.
     struct NodeList {
@@ -67,16 +76,9 @@ private:
     void apply_log_level() const;
     void apply_configured_hosts();
     void start_statistic() const;
-    void start_messaging();
     void take_node_list(const NodeList& list, const std::string& type, const rapidjson::Document& event);
     static bool open_receive_socket(net::Socket& socket, int port);
     static void receive_loop(net::Socket& socket, media::PacketReader& reader);
-
-    std::unique_ptr<net::Socket> m_socket; // forwarding only; bound to a port of the kernel's choice
-    std::unique_ptr<RoutingManager> m_routing_manager; // borrows m_socket
-    // Set and reset by the main thread, while the consumer thread already, or still, runs: a handler that sends before
-    // it is set meets a null pointer, and that gap is accepted.
-    Owner<messaging::EventDispatcher> m_dispatcher;
 };
 
 } // namespace corvalin::router
