@@ -4,7 +4,7 @@ import gzip
 import re
 import unittest
 
-from support import SOURCE, TOOLS, run, unpacked_package
+from support import SOURCE, TOOLS, main, run, unpacked_package
 
 ROUTER_OPTIONS = {"-h", "--help", "-d", "--daemon", "-c", "--config", "--pid-file", "--pid-file-default", "--args"}
 MANAGER = "corvalin_config_manager"
@@ -123,4 +123,4 @@ class ManualTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

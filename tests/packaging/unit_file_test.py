@@ -5,7 +5,7 @@ import shutil
 import unittest
 from pathlib import Path
 
-from support import run, unpacked_package
+from support import main, run, unpacked_package
 
 UNIT = "lib/systemd/system/corvalin_router.service"
 
@@ -54,4 +54,4 @@ class UnitFileTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    main()

@@ -1,0 +1,200 @@
+"""The installed package on a machine with systemd, journald and rsyslog, none of which is a stand-in."""
+
+import json
+import re
+import subprocess
+import unittest
+
+from machine import boot_machine
+from support import PACKAGES, main, package
+
+PORT = 5000
+NODE_PORT = 6001
+UNIT = "corvalin_router.service"
+ETC = "/etc/tolvaine/corvalin"
+LOGS = "/var/log/tolvaine/corvalin"
+SESSIONS = 20
+PACKETS = 50
+
+
+class InstalledServiceTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.machine = boot_machine(cls, PACKAGES)
+
+    def setUp(self):
+        # What the real machine's files say already is no result of this test.
+        self.machine.run("sh", "-c", "rm -rf /var/log/* /etc/tolvaine && systemctl start rsyslog.service")
+        self.machine.run("rm", "-f", "/var/lib/man-db/auto-update")  # the index of the manual is nobody's here
+        self.machine.run("dpkg", "--install", f"/run/packages/{package().name}")
+
+    def configure(self, *options):
+        broker = self.machine.start(
+            "corvalin_embedded_broker", "--topic", "corvalin_requests", "--topic", "corvalin_broadcast",
+            "--topic", f"corvalin_router_127o0o0o1_{PORT}", stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self.addCleanup(broker.wait, timeout=10)
+        self.addCleanup(broker.stdout.close)
+        self.addCleanup(broker.stdin.close)  # at the end of its input it ends
+        address = broker.stdout.readline().split()[1]
+        self.machine.write(f"{ETC}/kafka.conf", f"kafka_broker={address}\nkafka_topic_request=corvalin_requests\n"
+                                                "kafka_topic_broadcast=corvalin_broadcast\n")
+        lines = [f"port={PORT}", f"writer_node=127.0.0.1:{NODE_PORT}", *options]
+        self.machine.write(f"{ETC}/router.conf", "\n".join(lines) + "\n")
+
+    def start(self):
+        result = self.machine.run("systemctl", "start", UNIT, check=False)
+        if result.returncode != 0:
+            self.fail(self.machine.run("journalctl", "--no-pager").stdout)
+
+    def shown(self, key):
+        return self.machine.run("systemctl", "show", "--property", key, "--value", UNIT).stdout.strip()
+
+    def log(self, name):
+        path = f"{LOGS}/{name}"
+        return self.machine.read(path).splitlines() if self.machine.exists(path) else []
+
+    def send(self):
+        """The summary of a node that has verified every byte."""
+        node = self.machine.start("corvalin_media_node", "--port", NODE_PORT, "--idle-exit", "2000", "--verify-content",
+                                  "--json", stdout=subprocess.PIPE)
+        self.assertEqual(node.stdout.readline(), f"ports {NODE_PORT}\n")
+        self.machine.run("corvalin_media_sender", "--sessions", SESSIONS, "--packets", PACKETS, "--rate", "2000",
+                         "--flags", "writer", PORT)
+        output, _ = node.communicate(timeout=30)
+        self.assertEqual(node.returncode, 0, output)
+        return json.loads(output)
+
+    def test_hardened_service_forwards_every_packet(self):
+        self.configure()
+        self.start()
+        # The start has waited for the port, so nothing is waited for here.
+        self.assertIn(f"00000000:{PORT:04X}", self.machine.read("/proc/net/udp"))
+        pid = self.shown("MainPID")
+        self.assertNotEqual(pid, "0")
+        self.send()
+        status = dict(line.split(":\t", 1) for line in self.machine.read(f"/proc/{pid}/status").splitlines()
+                      if ":\t" in line)
+        self.assertEqual(status["Seccomp"].strip(), "2")
+        self.assertEqual(status["NoNewPrivs"].strip(), "1")
+        self.assertEqual(int(status["CapBnd"], 16), 0)
+        self.assertNotEqual(status["Uid"].split()[0], "0")
+        mounts = self.machine.read(f"/proc/{pid}/mountinfo").splitlines()
+        root = [line.split() for line in mounts if line.split()[4] == "/"]
+        self.assertTrue(all("ro" in fields[5].split(",") for fields in root), root)
+        self.machine.run("systemctl", "stop", UNIT)
+        self.assertEqual((self.shown("Result"), self.shown("ExecMainStatus")), ("success", "0"))
+
+    def test_each_kind_of_line_lands_in_its_file_and_nowhere_twice(self):
+        self.configure("log_level=TRACE")
+        self.start()
+        self.send()
+        data_packets = SESSIONS * PACKETS
+        self.machine.wait_until(lambda: len(self.log("media_trace.log")) >= data_packets, "the last media trace")
+        counted = re.compile(rf"packet 'data'  type number\.*: {data_packets} ")
+        self.machine.wait_until(lambda: any(counted.search(line) for line in self.log("statistic.log")), "the report")
+        self.machine.run("systemctl", "stop", UNIT)
+        self.machine.wait_until(lambda: any("] stopped" in line and "main thread" in line
+                                            for line in self.log("router.log")), "the last line of the service")
+
+        media = self.log("media_trace.log")
+        self.assertEqual(len(media), data_packets)
+        self.assertEqual(len(set(line.partition("DATA  | ")[2] for line in media)), data_packets)
+        trace = self.log("trace.log")
+        self.assertEqual(sum(" START | " in line for line in trace), SESSIONS)
+        self.assertEqual(sum(" TERM  | " in line for line in trace), SESSIONS)
+        self.assertEqual(len(trace), 2 * SESSIONS)
+        reports = self.log("statistic.log")
+        self.assertGreaterEqual(len(reports), 1)
+        for report in reports:
+            # One record, with its line feeds written out. The frame has 32 lines: the banner, 9 of sessions, the header,
+            # 16 of packets, 4 empty ones around them, and the last row of stars.
+            self.assertIn(f"corvalinrouter:{PORT} statistic", report)
+            self.assertEqual(len(re.findall(r"#012\*", report)), 32, report)
+        service = self.log("router.log")
+        for text in ("SERVICE: exec path: /usr/sbin/corvalin_router", "main thread ["):
+            self.assertTrue(any(text in line for line in service), text)
+        self.assertEqual(sum("SERVICE: exec path" in line for line in service), 1)
+        # Assignments of sessions are lines of the service too.
+        self.assertEqual(sum("assigned hosts: 127.0.0.1" in line for line in service), SESSIONS)
+        for line in service:
+            self.assertNotRegex(line, r"\| (START|TERM |DATA ) \||\*\*\*\*")
+        # A line of another program with the facility of the service goes where it went without the rules.
+        self.machine.run("logger", "--priority", "user.notice", "--tag", "neighbour", "SERVICE of another")
+        elsewhere = f"find /var/log -type f ! -path '{LOGS}/*' ! -path '/var/log/journal/*' -exec cat {{}} +"
+        self.machine.wait_until(lambda: "SERVICE of another" in self.machine.run("sh", "-c", elsewhere).stdout,
+                                "the line of another program")
+        self.assertFalse(any("SERVICE of another" in line for line in self.log("router.log")))
+        everywhere_else = self.machine.run("sh", "-c", elsewhere).stdout
+        for text in ("START | ", "TERM  | ", "DATA  | ", "statistic ****", "SERVICE: ", "assigned hosts"):
+            self.assertNotIn(text, everywhere_else)
+
+    def test_router_that_is_killed_is_started_again(self):
+        self.configure()
+        self.start()
+        pid = self.shown("MainPID")
+        self.machine.run("kill", "-KILL", pid)
+        self.machine.wait_until(lambda: self.shown("NRestarts") == "1" and self.shown("ActiveState") == "active",
+                                "the second start", 60)
+        self.assertNotEqual(self.shown("MainPID"), pid)
+
+    def test_router_that_cannot_start_is_given_up(self):
+        self.configure("port=none")
+        self.machine.run("systemctl", "start", UNIT, check=False)
+        self.machine.wait_until(lambda: self.shown("ActiveState") == "failed", "the end of the attempts", 60)
+        self.assertEqual(self.shown("NRestarts"), "5")
+        self.assertEqual(self.shown("ExecMainStatus"), "1")
+
+    def next_package(self):
+        """The same package with a higher version, another router.conf and another rule of logrotate."""
+        self.machine.run("sh", "-ec", f"""
+            rm -rf /tmp/next && dpkg-deb --raw-extract /run/packages/{package().name} /tmp/next
+            sed -i 's/^Version: .*/Version: 99.0/' /tmp/next/DEBIAN/control
+            echo '# new in this version' >> /tmp/next{ETC}/router.conf
+            echo '# new in this version' >> /tmp/next/etc/logrotate.d/corvalin_router
+            dpkg-deb -Znone --build /tmp/next /tmp/next.deb""")
+        return "/tmp/next.deb"
+
+    def test_upgrade_keeps_what_the_operator_wrote_and_the_running_router(self):
+        self.configure("#mine")
+        self.start()
+        mine = self.machine.read(f"{ETC}/router.conf")
+        pid = self.shown("MainPID")
+        self.machine.run("dpkg", "--force-confdef", "--force-confold", "--install", self.next_package())
+        self.assertEqual(self.machine.read(f"{ETC}/router.conf"), mine)
+        self.assertIn("# new in this version", self.machine.read(f"{ETC}/router.conf.dpkg-dist"))
+        self.assertIn("# new in this version", self.machine.read("/etc/logrotate.d/corvalin_router"))
+        self.assertEqual(self.shown("MainPID"), pid)
+        self.send()
+        # And back again, by the command that the manual names.
+        self.machine.run("dpkg", "--force-confold", "--install", f"/run/packages/{package().name}")
+        self.machine.run("systemctl", "restart", UNIT)
+        self.assertNotEqual(self.shown("MainPID"), pid)
+        self.assertEqual(self.machine.read(f"{ETC}/router.conf"), mine)
+        self.send()
+
+    def left_over(self):
+        """Files below the names of the package; the journal and dpkg's own log speak of it and stay."""
+        return {path for path in self.machine.changed_paths() if "corvalin" in path}
+
+    def test_removal_leaves_configuration_and_logs_and_purge_leaves_nothing(self):
+        self.configure()
+        self.start()
+        self.send()
+        self.machine.write("/var/lib/tolvaine/corvalin/node_lists.json", "{}")
+        pid = self.shown("MainPID")
+        conffiles = set(self.machine.read("/var/lib/dpkg/info/corvalin-router.conffiles").split())
+        self.assertEqual(len(conffiles), 5)
+        self.machine.run("dpkg", "--remove", "corvalin-router")
+        self.assertFalse(self.machine.exists(f"/proc/{pid}"))
+        files = {path for path in self.left_over() if self.machine.run("test", "-d", path, check=False).returncode != 0}
+        kept_by_dpkg = {path for path in files
+                        if path.startswith(("/var/lib/dpkg/info/corvalin-router.", "/var/lib/systemd/deb-systemd-helper-"))}
+        logs = {path for path in files if path.startswith(LOGS)}
+        self.assertEqual(files - kept_by_dpkg - logs - {"/var/lib/tolvaine/corvalin/node_lists.json"}, conffiles)
+        self.machine.run("dpkg", "--purge", "corvalin-router")
+        self.assertEqual(self.left_over(), set())
+        self.assertFalse(self.machine.exists("/etc/tolvaine"))
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,173 @@
+"""A machine in namespaces: the systemd of this system over a copy-on-write view of its files.
+
+Nothing of the real machine changes: what is written goes to a tmpfs that vanishes with the last process, and there is
+a network of its own with nothing but loopback. Only sysinit.target is booted, so that no other service of the machine
+starts a second time; a test starts what it needs. Needs root.
+"""
+
+import errno
+import os
+import signal
+import subprocess
+import tempfile
+import time
+import unittest
+from pathlib import Path
+
+from support import run
+
+BOOT_LIMIT_S = 60
+COMMAND_LIMIT_S = 90
+
+# A cgroup of its own, so that systemd's slices do not appear among those of the real machine.
+ENTER_CGROUP = r"""
+set -e
+parent="$(findmnt --first-only --noheadings --output TARGET --types cgroup2)"
+mkdir "$parent/$1"
+echo $$ > "$parent/$1/cgroup.procs"
+shift
+exec "$@"
+"""
+
+# The folder itself is covered by the tmpfs, so the caller's view of it stays empty.
+BOOT = r"""
+set -e
+work="$1"
+mount -t tmpfs tmpfs "$work"
+mkdir "$work/upper" "$work/work" "$work/root"
+mount -t overlay overlay -o "lowerdir=/,upperdir=$work/upper,workdir=$work/work" "$work/root"
+cd "$work/root"
+mount -t proc proc proc
+# Most kernel parameters are those of the real machine.
+mount --bind proc/sys proc/sys
+mount -o remount,bind,ro proc/sys
+mount -t sysfs -o ro sysfs sys
+mount -t cgroup2 cgroup2 sys/fs/cgroup
+mount -t tmpfs -o mode=755 tmpfs run
+mount -t tmpfs -o mode=1777 tmpfs tmp
+mount -t tmpfs -o mode=755 tmpfs dev
+for device in null zero full random urandom tty; do
+    touch "dev/$device"
+    mount --bind "/dev/$device" "dev/$device"
+done
+mkdir dev/shm dev/pts
+mount -t tmpfs -o mode=1777 tmpfs dev/shm
+mount -t devpts -o newinstance,ptmxmode=0666,mode=620 devpts dev/pts
+ln -s pts/ptmx dev/ptmx
+ln -s /proc/self/fd dev/fd
+mkdir run/overlay run/packages
+mount --bind "$work/upper" run/overlay
+ip link set lo up
+# Neither may it load modules, nor follow a rule of this machine against starting services.
+ln -sf /dev/null etc/systemd/system/systemd-modules-load.service
+rm -f usr/sbin/policy-rc.d
+mkdir -p run/old
+pivot_root . run/old
+mount --bind "/run/old$2" /run/packages
+umount -l /run/old
+exec env -i container=other PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
+    /lib/systemd/systemd --system --unit=sysinit.target --log-target=console --show-status=no
+"""
+
+
+class Machine:
+    def __init__(self, packages):
+        self._folder = tempfile.TemporaryDirectory(prefix="corvalin_machine_")
+        self._output = tempfile.TemporaryFile()
+        self._process = subprocess.Popen(
+            ["sh", "-c", ENTER_CGROUP, "enter", Path(self._folder.name).name,
+             "unshare", "--mount", "--pid", "--net", "--uts", "--ipc", "--cgroup", "--fork", "--kill-child",
+             "--propagation", "private",
+             "sh", "-c", BOOT, "boot", self._folder.name, str(packages)],
+            stdin=subprocess.DEVNULL, stdout=self._output, stderr=subprocess.STDOUT)
+        self._init = None
+
+    def boot(self):
+        """True once systemd is up; what it said is in output()."""
+        end = time.monotonic() + BOOT_LIMIT_S
+        while time.monotonic() < end and self._process.poll() is None:
+            children = Path(f"/proc/{self._process.pid}/task/{self._process.pid}/children").read_text().split()
+            # Of the children that the shells have had, the one that counts is the first of the namespaces.
+            if children and Path(f"/proc/{self._process.pid}/comm").read_text().strip() == "unshare":
+                self._init = children[0]
+                if Path(f"/proc/{self._init}/comm").read_text().strip() == "systemd" and \
+                        self.run("systemctl", "is-active", "sysinit.target", check=False).stdout == "active\n":
+                    return True
+            time.sleep(0.1)
+        return False
+
+    def output(self):
+        self._output.seek(0)
+        return self._output.read().decode(errors="replace")
+
+    def _command(self, command):
+        return ["nsenter", "--target", self._init, "--mount", "--pid", "--net", "--uts", "--ipc", "--cgroup", "--root",
+                "--wd=/", "env", "-i", "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+                "DEBIAN_FRONTEND=noninteractive", *[str(word) for word in command]]
+
+    def run(self, *command, check=True, **options):
+        result = subprocess.run(self._command(command), capture_output=True, text=True, check=False,
+                                timeout=COMMAND_LIMIT_S, **options)
+        if check and result.returncode != 0:
+            raise AssertionError(f"{command} ended with {result.returncode}:\n{result.stdout}\n{result.stderr}")
+        return result
+
+    def start(self, *command, **options):
+        return subprocess.Popen(self._command(command), text=True, **options)
+
+    def read(self, path):
+        return self.run("cat", path).stdout
+
+    def write(self, path, text):
+        self.run("sh", "-c", 'cat > "$0"', path, input=text)
+
+    def exists(self, path):
+        return self.run("test", "-e", path, check=False).returncode == 0
+
+    def changed_paths(self):
+        """All that differs from the real machine, without what was deleted."""
+        found = self.run("find", "/run/overlay", "-mindepth", "1", "!", "-type", "c").stdout.splitlines()
+        return {path.removeprefix("/run/overlay") for path in found}
+
+    def wait_until(self, condition, what, limit_s=30):
+        end = time.monotonic() + limit_s
+        while not condition():
+            if time.monotonic() > end:
+                raise AssertionError(f"not within {limit_s} seconds: {what}")
+            time.sleep(0.1)
+
+    def stop(self):
+        if self._process.poll() is None:
+            os.kill(self._process.pid, signal.SIGKILL)  # --kill-child takes all others along
+        self._process.wait()
+        self._remove_cgroups()
+        self._output.close()
+        self._folder.cleanup()
+
+
+    def _remove_cgroups(self):
+        mounts = run("findmnt", "--first-only", "--noheadings", "--output", "TARGET", "--types", "cgroup2").stdout
+        own = Path(mounts.strip()) / Path(self._folder.name).name
+        end = time.monotonic() + BOOT_LIMIT_S
+        while own.exists():
+            for folder, _, _ in os.walk(own, topdown=False):
+                try:
+                    os.rmdir(folder)
+                except OSError as error:
+                    # The last processes may still be on their way out.
+                    if error.errno != errno.EBUSY or time.monotonic() > end:
+                        raise
+                    time.sleep(0.05)
+                    break
+
+
+def boot_machine(test_class, packages):
+    """A machine for the class. Where this system cannot have one, its tests are skipped, but not in CI."""
+    machine = Machine(packages)
+    test_class.addClassCleanup(machine.stop)
+    if not machine.boot():
+        message = f"systemd does not boot in namespaces here:\n{machine.output()}"
+        if os.environ.get("CI") == "true":
+            raise AssertionError(message)
+        raise unittest.SkipTest(message)
+    return machine
