@@ -7,6 +7,14 @@ namespace corvalin::test {
 namespace {
 
 const std::string ASSIGNED = ": assigned hosts: ";
+const std::string DISPATCHED = "EVENT_DISPATCHER: dispatch to [";
+const std::string DELIVERED = "MESSAGE_BROKER: message delivered to ";
+
+std::size_t count_with(const std::vector<std::string>& lines, const std::string& text) {
+    return static_cast<std::size_t>(
+        std::count_if(lines.begin(), lines.end(),
+                      [&text](const std::string& line) { return line.find(text) != std::string::npos; }));
+}
 
 } // namespace
 
@@ -22,6 +30,11 @@ void ConversationTest::start(const std::string& configuration) {
 void ConversationTest::wait_until_handled() {
     publish(R"({"type":"config_manager_started"})");
     ASSERT_EQ(peer().receive_json(), router().versions_request());
+    // We may have the answer before the router is told that it was delivered.
+    ASSERT_TRUE(eventually([&] {
+        const std::vector<std::string> log = process().log();
+        return count_with(log, DISPATCHED) == count_with(log, DELIVERED);
+    }));
 }
 
 uint64_t ConversationTest::begin_session(uint8_t flags) {
