@@ -22,13 +22,14 @@ from figures import Figure, print_table
 
 BENCH_DIR = pathlib.Path(__file__).resolve().parent
 LOAD_MODES = ["shapes", "rate", "sessions"]
+CONFIGURATION = "configuration"  # only by name: it needs Apache Kafka and python3-kafka, and takes six minutes more
 
 def say(text):
     print(text, file=sys.stderr, flush=True)
 
 
-def run_load(build_dir, modes, rounds, seconds, patience, folder):
-    """The whole processes, in a network of their own and with private fixed paths.
+def run_in_private(build_dir, folder, *command):
+    """A script of whole processes, in a network of their own and with private fixed paths: the figures that it writes.
 
     There is a place for /dev/log and nobody behind it: lines of sessions are built and then not delivered. Data
     packets write none.
@@ -37,12 +38,21 @@ def run_load(build_dir, modes, rounds, seconds, patience, folder):
     (folder / "log").mkdir()
     (folder / "dev").mkdir()
     output = folder / "figures.json"
-    command = [build_dir / "tools/corvalin_private_run", "--net", "--etc", folder / "etc", "--log", folder / "log"]
-    command += ["--dev-log", folder / "dev" / "log", "--", sys.executable, BENCH_DIR / "load/whole_process.py"]
-    command += ["--build-dir", build_dir, "--output", output, "--rounds", rounds, "--seconds", seconds]
-    command += ["--patience", patience, "--modes", *modes]
-    subprocess.run([str(word) for word in command], check=True)
+    private_run = [build_dir / "tools/corvalin_private_run", "--net", "--etc", folder / "etc", "--log", folder / "log"]
+    private_run += ["--dev-log", folder / "dev" / "log", "--", *command, "--build-dir", build_dir, "--output", output]
+    subprocess.run([str(word) for word in private_run], check=True)
     return [Figure(**figure) for figure in json.loads(output.read_text())]
+
+
+def run_load(build_dir, modes, rounds, seconds, patience, folder):
+    command = [sys.executable, BENCH_DIR / "load/whole_process.py", "--rounds", rounds, "--seconds", seconds]
+    return run_in_private(build_dir, folder, *command, "--patience", patience, "--modes", *modes)
+
+
+def run_configuration(build_dir, folder):
+    # Maven reaches its registry from out here, and not from the network of its own.
+    subprocess.run([BENCH_DIR.parent / "tests/kafka/kafka_broker.py", "--prepare"], stdout=sys.stderr, check=True)
+    return run_in_private(build_dir, folder, "/usr/bin/python3", BENCH_DIR / "load/configuration.py")
 
 
 def first_line_of(*command):
@@ -85,7 +95,7 @@ def main():
     parser.add_argument(
         "--only",
         nargs="+",
-        choices=[*ratios.PARTS, *LOAD_MODES],
+        choices=[*ratios.PARTS, *LOAD_MODES, CONFIGURATION],
         default=[*ratios.PARTS, *LOAD_MODES],
         help="parts to run, instead of all of them",
     )
@@ -111,6 +121,9 @@ def main():
             figures += run_load(
                 build_dir, modes, arguments.rounds, arguments.seconds, arguments.patience, pathlib.Path(folder)
             )
+    if CONFIGURATION in arguments.only:
+        with tempfile.TemporaryDirectory(dir=build_dir, prefix="bench-") as folder:
+            figures += run_configuration(build_dir, pathlib.Path(folder))
     for part, measure in ratios.PARTS.items():
         if part in arguments.only:
             say(part)

@@ -1,0 +1,380 @@
+#!/usr/bin/python3
+"""Measures what a change of the node lists costs a router, and how soon new sessions take it up.
+
+  latency   from the moment a list is handed to the manager's Kafka client to the first packet of a session on it, on the
+            embedded broker, which answers an empty fetch after 500 ms, and on Apache Kafka
+  swaps     processor time of the two media threads for each forwarded packet while lists are swapped 100 times a second
+            and while they are not, in turns, and packets lost meanwhile; on Apache Kafka
+  changes   1000 changes at load: every session must lie wholly on nodes of one list; on Apache Kafka
+
+Belongs to /usr/bin/python3, which sees Debian's python3-kafka, and into a network namespace of its own with private
+fixed paths, see bench/run.py.
+"""
+
+import argparse
+import contextlib
+import dataclasses
+import json
+import pathlib
+import random
+import re
+import select
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import zlib
+
+import kafka
+
+BENCH_DIR = pathlib.Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(BENCH_DIR))
+
+from figures import Figure, ratio  # noqa: E402
+from load.subjects import KAFKA_CONF, SEED, SETTLE_LIMIT_S, SETTLE_LOAD, SETTLE_S, LoadError, udp_socket  # noqa: E402
+from load.whole_process import BURST_RATE, SESSIONS_FEW, START_RATE, say  # noqa: E402
+
+KAFKA_SCRIPT = BENCH_DIR.parent / "tests/kafka/kafka_broker.py"
+MEDIA_NODES = "corvalin_media_nodes"
+MEDIA_FLAG = 0x40
+NODE_PORT = 7100
+OTHER_PORTS = (7200, 7201)  # of a list that nobody's sessions are on
+START_LIMIT_S = 60
+ANSWER_LIMIT_S = 30
+PROBE_INTERVAL_S = 0.0005
+SWAPS_PER_SECOND = 100
+CHANGES = 1000
+CHANGE_LOAD_RATE = 10_000
+
+
+class Broker:
+    """A process with commands on its standard input, embedded or Apache Kafka."""
+
+    def __init__(self, command):
+        self._process = subprocess.Popen(
+            [str(word) for word in command], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True
+        )
+        word, _, self.address = self._process.stdout.readline().strip().partition(" ")
+        if word != "broker":
+            raise LoadError(f"no broker: {command}")
+
+    def create_topic(self, name):
+        self._process.stdin.write(f"topic {name}\n")
+        self._process.stdin.flush()
+        answer = self._process.stdout.readline().strip()
+        if answer != "ok":
+            raise LoadError(f"topic {name}: {answer}")
+
+    def stop(self):
+        self._process.stdin.close()
+        self._process.wait()
+
+
+class Manager:
+    """Sends media lists with rising versions to one router."""
+
+    def __init__(self, broker, topic):
+        self._producer = kafka.KafkaProducer(bootstrap_servers=broker.address, api_version=(0, 11), linger_ms=0)
+        self._topic = topic
+        self._version = 0
+
+    def publish(self, ports):
+        """Does not wait; the result can be waited for."""
+        self._version += 1
+        nodes = [{"ip": "127.0.0.1", "port": port} for port in ports]
+        event = {"type": MEDIA_NODES, "version": self._version, "data": nodes}
+        payload = zlib.compress(b"\0" + json.dumps(event).encode())
+        return self._producer.send(self._topic, payload, partition=0)
+
+    def stop(self):
+        self._producer.close(ANSWER_LIMIT_S)
+
+
+class Router:
+    def __init__(self, build_dir, folder, broker, port):
+        self.port = port
+        self.topic = f"corvalin_router_127o0o0o1_{port}"
+        for topic in ("requests", "broadcast"):
+            with contextlib.suppress(LoadError):  # there is one from the router before
+                broker.create_topic(topic)
+        broker.create_topic(self.topic)
+        KAFKA_CONF.write_text(
+            f"kafka_broker={broker.address}\nkafka_topic_request=requests\nkafka_topic_broadcast=broadcast\n"
+        )
+        self._log = pathlib.Path(folder) / f"router-{port}.log"
+        with open(self._log, "w", encoding="utf-8") as log:
+            self._process = subprocess.Popen(
+                [str(build_dir / "router/corvalin_router"), "--args", f"port={port},log_level=WARNING"], stderr=log
+            )
+        self._wait(lambda: udp_socket(port) is not None, "its port")
+        self._wait(lambda: self._media_threads() is not None, "its reader")
+
+    def _wait(self, condition, what):
+        limit = time.monotonic() + START_LIMIT_S
+        while not condition():
+            if self._process.poll() is not None or time.monotonic() > limit:
+                raise LoadError(f"the router does not come to {what}")
+            time.sleep(0.02)
+
+    def _media_threads(self):
+        reader = re.search(r"PACKETS_READER: thread \[(\d+)\] started", self._log.read_text(encoding="utf-8"))
+        return (self._process.pid, int(reader.group(1))) if reader else None
+
+    def wait_for_lists(self, count):
+        received = f"SERVICE: event [{MEDIA_NODES}] received"
+        self._wait(lambda: self._log.read_text(encoding="utf-8").count(received) >= count, f"{count} lists")
+
+    def media_cpu_ns(self):
+        """Of the thread that receives and the one that forwards."""
+        tasks = pathlib.Path(f"/proc/{self._process.pid}/task")
+        return sum(int((tasks / str(thread) / "schedstat").read_text().split()[0]) for thread in self._media_threads())
+
+    def wait_until_forwarded(self, *node_ports):
+        """Until nothing waits at the sockets, and nothing in the process: its media threads do next to no work."""
+        limit = time.monotonic() + SETTLE_LIMIT_S
+        is_settled = False
+        while not is_settled and time.monotonic() < limit:
+            cpu_before = self.media_cpu_ns()
+            time.sleep(SETTLE_S)
+            queued = sum(udp_socket(port)[0] for port in (self.port, *node_ports))
+            is_settled = queued == 0 and self.media_cpu_ns() - cpu_before < SETTLE_LOAD * SETTLE_S * 1e9
+
+    def stop(self):
+        self._process.terminate()
+        if self._process.wait(60) != 0:
+            raise LoadError(f"the router ended with status {self._process.returncode}")
+
+
+def packet(kind, session, seq, size):
+    """A start (0x81) or terminate (0x82) packet; all that is not set is 0."""
+    data = bytearray(size)
+    struct.pack_into("<IBBBBQ", data, 0, 0x00FF00FF, kind, 0, 0, MEDIA_FLAG if kind == 0x81 else 0, session)
+    struct.pack_into("<Q", data, 32, seq)
+    return bytes(data)
+
+
+def latency_of_change(manager, router, sender, old, new, sessions):
+    """Seconds until a session reaches `new`; sessions begin every half millisecond meanwhile."""
+    while select.select([new, old], [], [], 0)[0]:
+        for node in select.select([new, old], [], [], 0)[0]:
+            node.recv(2048)
+    begin = time.perf_counter()
+    manager.publish([new.getsockname()[1]])
+    while time.perf_counter() - begin < ANSWER_LIMIT_S:
+        session = next(sessions)
+        sender.send(packet(0x81, session, 1, 88))
+        sender.send(packet(0x82, session, 2, 48))
+        if select.select([new], [], [], PROBE_INTERVAL_S)[0]:
+            return time.perf_counter() - begin
+    raise LoadError(f"no session on the new list of the router on port {router.port}")
+
+
+def measure_latency(build_dir, folder, name, broker, port, changes, target_ms):
+    say(f"latency of {changes} lists, {name}")
+    router = Router(build_dir, folder, broker, port)
+    manager = Manager(broker, router.topic)
+    nodes = []
+    for _ in range(2):
+        node = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        node.bind(("127.0.0.1", 0))
+        nodes.append(node)
+    sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    sender.connect(("127.0.0.1", port))
+    sessions = iter(range(1, 1 << 62))
+    chance = random.Random(SEED)
+    values = []
+    for change in range(changes + 1):
+        value = latency_of_change(manager, router, sender, nodes[change % 2], nodes[1 - change % 2], sessions)
+        if change > 0:  # the first one fetches metadata
+            values.append(value * 1000)
+        time.sleep(chance.uniform(0.05, 0.3))  # so that changes fall anywhere into a fetch
+    manager.stop()
+    router.stop()
+    values.sort()
+    worst, at = target_ms
+    shown = {"median": values[len(values) // 2], "worst": values[-1]}
+    distribution = ", ".join(
+        f"{percent} % in {values[min(len(values) - 1, len(values) * percent // 100)]:.1f}" for percent in (10, 90, 99)
+    )
+    return [Figure(f"list to first session, {at}, {name}", [shown[at]], "ms", worst, distribution + " ms"),
+            Figure(f"list to first session, all {changes}, {name}", values, "ms")]
+
+
+class Swapper(threading.Thread):
+    """Publishes the lists in turn at a steady pace until it is stopped or has published `limit` of them."""
+
+    def __init__(self, manager, lists, limit=None):
+        super().__init__(daemon=True)
+        self._manager = manager
+        self._lists = lists
+        self._limit = limit
+        self._ended = threading.Event()
+        self.published = 0
+        self.seconds = 0.0
+
+    def run(self):
+        begin = time.monotonic()
+        while not self._ended.is_set() and self.published != self._limit:
+            last = self._manager.publish(self._lists[self.published % len(self._lists)])
+            self.published += 1
+            time.sleep(max(0.0, begin + self.published / SWAPS_PER_SECOND - time.monotonic()))
+        last.get(ANSWER_LIMIT_S)
+        self.seconds = time.monotonic() - begin
+
+    def stop(self):
+        self._ended.set()
+        self.join()
+
+
+def run_sender(build_dir, port, *options):
+    command = [build_dir / "tools/corvalin_media_sender", port, "--json", "--flags", "media", "--seed", SEED, *options]
+    done = subprocess.run(
+        [str(word) for word in command], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=True
+    )
+    return json.loads(done.stdout)
+
+
+@contextlib.contextmanager
+def running_node(build_dir, ports, *options):
+    """A list that holds the node's summary when the block is left."""
+    command = [build_dir / "tools/corvalin_media_node", "--json", *options]
+    for port in ports:
+        command += ["--port", port]
+    node = subprocess.Popen([str(word) for word in command], stdout=subprocess.PIPE, text=True)
+    node.stdout.readline()
+    summary = []
+    try:
+        yield summary
+    finally:
+        node.send_signal(signal.SIGTERM)
+        summary.append(json.loads(node.communicate()[0]))
+
+
+def measure_swaps(build_dir, folder, broker, port, rounds, seconds):
+    say(f"{SWAPS_PER_SECOND} swaps a second, {rounds} rounds of {seconds:g} s, {BURST_RATE} packets a second")
+    router = Router(build_dir, folder, broker, port)
+    manager = Manager(broker, router.topic)
+    manager.publish([NODE_PORT]).get(ANSWER_LIMIT_S)
+    router.wait_for_lists(1)
+    time.sleep(0.1)  # the balancer takes the list right behind that line
+    with running_node(build_dir, [NODE_PORT], "--discard") as summary:
+        run_sender(build_dir, port, "--sessions", SESSIONS_FEW, "--packets", 0, "--no-terminate", "--rate", START_RATE)
+        router.wait_until_forwarded(NODE_PORT)
+    if summary[0]["total"]["datagrams"] != SESSIONS_FEW:
+        raise LoadError("not all sessions were begun")
+    next_seq = 2
+    lists = 1
+    cpu = {"swaps": [], "quiet": []}
+    lost = {"swaps": 0, "quiet": 0}
+    rates = []
+    for index in range(rounds):
+        for kind in ("swaps", "quiet") if index % 2 else ("quiet", "swaps"):
+            swapper = Swapper(manager, [OTHER_PORTS, [NODE_PORT]])
+            with running_node(build_dir, [NODE_PORT], "--discard") as summary:
+                before = router.media_cpu_ns()
+                if kind == "swaps":
+                    swapper.start()
+                sent = run_sender(
+                    build_dir, port, "--sessions", SESSIONS_FEW, "--no-start", "--no-terminate", "--endless",
+                    "--rate", BURST_RATE, "--duration", seconds, "--first-seq", next_seq, "--datagram-bytes", 376,
+                )  # fmt: skip
+                if kind == "swaps":
+                    swapper.stop()
+                    rates.append(swapper.published / swapper.seconds)
+                    lists += swapper.published
+                    router.wait_for_lists(lists)
+                router.wait_until_forwarded(NODE_PORT)
+                used = router.media_cpu_ns() - before
+            next_seq += int(BURST_RATE * seconds) + 1
+            received = summary[0]["total"]["datagrams"]
+            cpu[kind].append(used / received)
+            lost_now = sent["total"]["datagrams"] - received
+            lost[kind] += lost_now
+            say(f"    {kind:6} {used / received:6.0f} ns a packet, {received} packets, {lost_now} lost")
+    manager.stop()
+    router.stop()
+    note = f"{min(rates):.1f} swaps a second at least"
+    return [
+        ratio("CPU of the media threads per packet, swaps / none", cpu["swaps"], cpu["quiet"], target=1.05, note=note),
+        Figure("packets lost, swaps", [lost["swaps"]], target=0, note=f"without swaps {lost['quiet']}"),
+        Figure("CPU of the media threads per packet, swaps", cpu["swaps"], "ns"),
+        Figure("CPU of the media threads per packet, none", cpu["quiet"], "ns"),
+    ]
+
+
+def measure_changes(build_dir, folder, broker, port):
+    say(f"{CHANGES} changes at {CHANGE_LOAD_RATE} packets a second")
+    router = Router(build_dir, folder, broker, port)
+    manager = Manager(broker, router.topic)
+    lists = [(NODE_PORT, NODE_PORT + 1), OTHER_PORTS]
+    manager.publish(lists[1]).get(ANSWER_LIMIT_S)
+    router.wait_for_lists(1)
+    time.sleep(0.1)
+    with running_node(build_dir, [port for ports in lists for port in ports], "--no-check") as summary:
+        swapper = Swapper(manager, lists, CHANGES)
+        swapper.start()
+        sent = run_sender(
+            build_dir, port, "--sessions", 100_000_000, "--live", 200, "--packets", 18, "--rate", CHANGE_LOAD_RATE,
+            "--duration", CHANGES / SWAPS_PER_SECOND + 1,
+        )  # fmt: skip
+        swapper.join()
+        router.wait_for_lists(1 + CHANGES)
+        router.wait_until_forwarded(*lists[0], *lists[1])
+    manager.stop()
+    router.stop()
+    total = summary[0]["total"]
+    # A session on two ports would count at both, with a gap at each.
+    begun = sent["start"]["datagrams"]
+    faults = sum(total[name] for name in ("gaps", "repeats", "after_end", "invalid")) + abs(total["sessions"] - begun)
+    faults += abs(total["datagrams"] - sent["total"]["datagrams"]) + abs(total["ended_sessions"] - begun)
+    return [Figure(f"faults of sessions at {CHANGES} changes", [faults], target=0, note=f"{begun} sessions")]
+
+
+def measure(build_dir, folder, arguments):
+    figures = []
+    if "latency" in arguments.modes:
+        broker = Broker([build_dir / "tools/corvalin_embedded_broker"])
+        figures += measure_latency(
+            build_dir, folder, "embedded broker", broker, 5400, arguments.latency_changes, (600, "worst")
+        )
+        broker.stop()
+    broker = Broker([sys.executable, KAFKA_SCRIPT])
+    if "latency" in arguments.modes:
+        figures += measure_latency(
+            build_dir, folder, "Apache Kafka", broker, 5401, arguments.latency_changes, (50, "median")
+        )
+    if "swaps" in arguments.modes:
+        figures += measure_swaps(build_dir, folder, broker, 5402, arguments.rounds, arguments.seconds)
+    if "changes" in arguments.modes:
+        figures += measure_changes(build_dir, folder, broker, 5403)
+    broker.stop()
+    return figures
+
+
+MODES = ["latency", "swaps", "changes"]
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--build-dir", type=pathlib.Path, required=True)
+    parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--seconds", type=float, default=60, help="length of a run of swaps")
+    parser.add_argument("--latency-changes", type=int, default=100)
+    parser.add_argument("--modes", nargs="+", choices=MODES, default=MODES)
+    parser.add_argument("--output", type=pathlib.Path, required=True, help="JSON of the figures")
+    arguments = parser.parse_args()
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    with tempfile.TemporaryDirectory() as folder:
+        figures = measure(arguments.build_dir.resolve(), folder, arguments)
+    arguments.output.write_text(json.dumps([dataclasses.asdict(figure) for figure in figures]))
+
+
+if __name__ == "__main__":
+    try:
+        main()
+    except LoadError as error:
+        sys.exit(f"configuration: {error}")
