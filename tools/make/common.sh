@@ -65,8 +65,15 @@ build() {
     cmake --build --preset "$1" -j "$JOBS"
 }
 
+# install_test_packages: commands that tests run: promtool, which judges the metrics, and nft for the sample firewall.
+install_test_packages() {
+    command -v promtool >/dev/null || install_packages prometheus
+    install_packages nftables
+}
+
 # run_tests <preset>: tests wait more than they work, so more of them run at once than there are processors.
 run_tests() {
+    install_test_packages
     if [ "$1" != fuzz ]; then
         prepare_kafka
     fi
