@@ -284,6 +284,66 @@ TEST_F(StatisticTest, a_full_ring_drops_the_newest_packets_and_counts_them) {
     expect_counters(expected);
 }
 
+TEST_F(StatisticTest, a_log_daemon_that_stands_still_costs_no_packet) {
+    constexpr std::size_t PACKETS = 50000;
+    constexpr std::size_t SESSIONS = 10; // one for each node, so that no node's own buffer overflows
+    constexpr std::size_t BATCH_PER_SESSION = 10;
+    start_with_nodes(SESSIONS, 0);
+    for (uint64_t id = 1; id <= SESSIONS; ++id) {
+        send_start(id, TO_WRITER);
+    }
+    Counters expected = zero_counters();
+    expected["session number"] = SESSIONS;
+    expected["packet queue passed elements number"] = SESSIONS;
+    expected["packet 'start' type number"] = SESSIONS;
+    expect_counters(expected);
+
+    // Both threads that write to syslog come to stand there: the reader at the trace of a terminate packet, the
+    // statistics at their next report.
+    syslog().block();
+    const pid_t reader = thread_of("PACKETS_READER");
+    const pid_t statistic = thread_of("STATISTIC_SERVICE");
+    const auto stands_in = [&](pid_t thread, long number) {
+        return eventually([&] {
+            const auto call = blocking_call(router().pid(), thread);
+            return call && call->number == number;
+        });
+    };
+    send(terminate_packet().id(SESSIONS + 1).bytes());
+    ASSERT_TRUE(stands_in(reader, SYS_sendto));
+    ASSERT_TRUE(stands_in(statistic, SYS_futex)) << "at the lock of syslog, which the reader holds";
+    UdpDiag diag;
+    const uint16_t port = router().port();
+    for (std::size_t seq = 2; seq < 2 + PACKETS / SESSIONS; seq += BATCH_PER_SESSION) {
+        std::vector<Bytes> batch;
+        for (std::size_t next = seq; next < seq + BATCH_PER_SESSION; ++next) {
+            for (uint64_t id = 1; id <= SESSIONS; ++id) {
+                batch.push_back(data_packet().id(id).seq(next).bytes());
+            }
+        }
+        m_sender->send_all(batch);
+        // The main thread goes on: it is what empties the socket.
+        ASSERT_TRUE(eventually([&] { return diag.queued_bytes(port) == 0; }));
+    }
+    const auto call = blocking_call(router().pid(), reader);
+    ASSERT_TRUE(call && call->number == SYS_sendto) << "the reader did not stand all the time";
+    EXPECT_EQ(router().receive_socket().dropped_datagrams, 0u);
+    syslog().resume();
+
+    for (std::size_t node = 0; node < SESSIONS; ++node) {
+        for (uint64_t seq = 1; seq <= 1 + PACKETS / SESSIONS; ++seq) {
+            const auto packet = writer(node).receive();
+            ASSERT_TRUE(packet.has_value()) << "node " << node << ", packet " << seq;
+            ASSERT_EQ(seq_of(*packet), seq) << "node " << node;
+        }
+    }
+    expected["packet queue passed elements number"] += PACKETS + 1;
+    expected["packet 'data'  type number"] = PACKETS;
+    expected["packet 'term'  type number"] = 1;
+    expected["session unknown index errors number"] = 1;
+    expect_counters(expected);
+}
+
 TEST_F(StatisticTest, reports_come_at_once_and_every_5_seconds_whatever_signals_come) {
     start("");
     ASSERT_TRUE(syslog().wait_for(is_report).has_value());
