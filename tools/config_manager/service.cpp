@@ -103,23 +103,28 @@ void ManagerService::publish_at_start(const FollowedFile& file, const NodeList& 
 void ManagerService::serve(std::vector<FollowedFile>& files) {
     const Listener listener(listener_settings(m_settings, m_manager));
     // Routers answer an announcement at once, so it waits until the answer is heard.
-    std::optional<Clock::time_point> announcement = Clock::now();
+    bool is_announcement_due = true;
+    Clock::time_point announcement_time = Clock::now();
+    const auto announce_in = [&](std::chrono::seconds delay) {
+        is_announcement_due = true;
+        announcement_time = Clock::now() + delay;
+    };
     do {
         if (m_manager.take_new_topic()) {
-            announcement = Clock::now() + NEW_TOPIC_DELAY;
+            announce_in(NEW_TOPIC_DELAY);
         }
         try {
             for (FollowedFile& file : files) {
                 take_up_change(file);
             }
-            if (announcement && Clock::now() >= *announcement && listener.can_hear()) {
+            if (is_announcement_due && Clock::now() >= announcement_time && listener.can_hear()) {
                 m_manager.announce();
-                announcement.reset();
+                is_announcement_due = false;
             }
         } catch (const std::exception& error) {
             // An announcement also brings to routers what could not be sent.
             m_report(std::string(error.what()) + "; will announce again");
-            announcement = Clock::now() + ANNOUNCEMENT_RETRY;
+            announce_in(ANNOUNCEMENT_RETRY);
         }
     } while (!wait_for_stop(m_settings.poll));
 }
