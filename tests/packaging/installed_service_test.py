@@ -89,7 +89,9 @@ class InstalledServiceTest(unittest.TestCase):
         self.start()
         self.send()
         data_packets = SESSIONS * PACKETS
-        self.machine.wait_until(lambda: len(self.log("media_trace.log")) >= data_packets, "the last media trace")
+        self.machine.wait_until(
+            lambda: int(self.machine.run("sh", "-c", f"wc -l < {LOGS}/media_trace.log").stdout) >= data_packets,
+            "the last media trace")
         counted = re.compile(rf"packet 'data'  type number\.*: {data_packets} ")
         self.machine.wait_until(lambda: any(counted.search(line) for line in self.log("statistic.log")), "the report")
         self.machine.run("systemctl", "stop", UNIT)
@@ -118,6 +120,9 @@ class InstalledServiceTest(unittest.TestCase):
         self.assertEqual(sum("assigned hosts: 127.0.0.1" in line for line in service), SESSIONS)
         for line in service:
             self.assertNotRegex(line, r"\| (START|TERM |DATA ) \||\*\*\*\*")
+        self.check_that_nothing_is_anywhere_else()
+
+    def check_that_nothing_is_anywhere_else(self):
         # A line of another program with the facility of the service goes where it went without the rules.
         self.machine.run("logger", "--priority", "user.notice", "--tag", "neighbour", "SERVICE of another")
         elsewhere = f"find /var/log -type f ! -path '{LOGS}/*' ! -path '/var/log/journal/*' -exec cat {{}} +"
@@ -127,6 +132,27 @@ class InstalledServiceTest(unittest.TestCase):
         everywhere_else = self.machine.run("sh", "-c", elsewhere).stdout
         for text in ("START | ", "TERM  | ", "DATA  | ", "statistic ****", "SERVICE: ", "assigned hosts"):
             self.assertNotIn(text, everywhere_else)
+
+    def test_lines_of_a_daemon_land_in_the_same_files(self):
+        self.configure()
+        pid_file = "/run/corvalin_router.pid"
+        self.machine.run("/usr/sbin/corvalin_router", "--daemon", "--pid-file", pid_file)
+        self.machine.wait_until(lambda: f"00000000:{PORT:04X}" in self.machine.read("/proc/net/udp"), "the port")
+        pid = self.machine.read(pid_file)
+        self.send()
+        counted = re.compile(rf" corvalinrouter\[{pid}\]: .*'data'  type number\.*: {SESSIONS * PACKETS} ")
+        self.machine.wait_until(lambda: any(counted.search(line) for line in self.log("statistic.log")), "the report")
+        self.machine.run("kill", pid)
+        self.machine.wait_until(lambda: not self.machine.exists(f"/proc/{pid}"), "the end of the daemon")
+        self.machine.wait_until(lambda: any("] stopped" in line and "main thread" in line
+                                            for line in self.log("router.log")), "the last line of the service")
+        service = self.log("router.log")
+        self.assertTrue(any(f" corvalinrouter[{pid}]: " in line and "assigned hosts" in line for line in service))
+        self.assertEqual(sum("DAEMON: starting application in daemon mode" in line for line in service), 1)
+        trace = self.log("trace.log")
+        self.assertEqual(len(trace), 2 * SESSIONS)
+        self.assertTrue(all(f" corvalinrouter[{pid}]: " in line for line in trace))
+        self.check_that_nothing_is_anywhere_else()
 
     def test_router_that_is_killed_is_started_again(self):
         self.configure()

@@ -38,7 +38,9 @@ mkdir "$work/upper" "$work/work" "$work/root"
 mount -t overlay overlay -o "lowerdir=/,upperdir=$work/upper,workdir=$work/work" "$work/root"
 cd "$work/root"
 mount -t proc proc proc
-# Most kernel parameters are those of the real machine.
+# Most kernel parameters are those of the real machine. This one belongs to the network namespace, and systemd sets it
+# when it boots; with the kernel's 10 the journal drops most of what it forwards to rsyslog.
+echo 512 > proc/sys/net/unix/max_dgram_qlen
 mount --bind proc/sys proc/sys
 mount -o remount,bind,ro proc/sys
 mount -t sysfs -o ro sysfs sys
