@@ -84,8 +84,9 @@ void EventDispatcher::handle_json_event(const unsigned char* data, unsigned long
                        << rapidjson::GetParseError_En(event.GetParseError()) << "\"");
         return;
     }
-    const auto member = event.FindMember(JsonEvent::field_type.c_str());
-    if (member == event.MemberEnd()) {
+    const rapidjson::Value& root = event; // iterators of a constant value compare without a conversion
+    const auto member = root.FindMember(JsonEvent::field_type.c_str());
+    if (member == root.MemberEnd()) {
         log::write(SOURCE, __LINE__,
                    log::ErrorMessage()
                        << "EVENT_DISPATCHER: JSON element \"" << JsonEvent::field_type << "\" is not found");

@@ -28,7 +28,7 @@ using EventHandlers = std::unordered_map<std::string, EventHandler>;
 class EventDispatcher {
 public:
     struct JsonEvent {
-        static const std::string& field_type; // "type"; never destroyed: the consumer thread may outlive exit handlers
+        static const std::string& field_type; // "type"; never destroyed, as a consumer thread may outlive exit
     };
 
     /// Blocks as the broker's constructor does. `settings.on_message_received` is replaced.

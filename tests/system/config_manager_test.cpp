@@ -83,10 +83,11 @@ void send_request(const std::string& broker, const std::string& json) {
     compress(reinterpret_cast<Bytef*>(payload.data()), &size, reinterpret_cast<const Bytef*>(frame.data()),
              frame.size());
     const Handle producer = make_handle(RD_KAFKA_PRODUCER, broker);
-    ASSERT_EQ(rd_kafka_producev(producer.get(), RD_KAFKA_V_TOPIC("requests"),
-                                RD_KAFKA_V_VALUE(payload.data(), size),
-                                RD_KAFKA_V_MSGFLAGS(RD_KAFKA_MSG_F_COPY), RD_KAFKA_V_END),
-              RD_KAFKA_RESP_ERR_NO_ERROR);
+    rd_kafka_topic_t* const topic = rd_kafka_topic_new(producer.get(), "requests", nullptr);
+    const int status = rd_kafka_produce(topic, RD_KAFKA_PARTITION_UA, RD_KAFKA_MSG_F_COPY, payload.data(),
+                                        size, nullptr, 0, nullptr);
+    rd_kafka_topic_destroy(topic);
+    ASSERT_EQ(status, 0);
     ASSERT_EQ(rd_kafka_flush(producer.get(), LIMIT_MS), RD_KAFKA_RESP_ERR_NO_ERROR);
 }
 

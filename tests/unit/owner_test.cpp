@@ -13,6 +13,7 @@ using corvalin::Owner;
 
 /// Tells at its end what its owner shows then.
 struct Owned {
+    Owned(const Owner<Owned>* its_owner, const Owned** its_seen) : owner(its_owner), seen(its_seen) {}
     ~Owned() { *seen = owner->get(); }
 
     const Owner<Owned>* owner;

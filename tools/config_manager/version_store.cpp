@@ -186,7 +186,8 @@ VersionStore::State VersionStore::load() const {
     rapidjson::Document document;
     document.Parse<rapidjson::kParseIterativeFlag>(read_text(m_path).c_str());
     require(!document.HasParseError() && document.IsObject());
-    for (const auto& member : document.GetObject()) {
+    const rapidjson::Value& root = document; // iterators of a constant value compare without a conversion
+    for (const auto& member : root.GetObject()) {
         require(member.value.IsArray());
         History& lists = state[member.name.GetString()];
         for (const rapidjson::Value& entry : member.value.GetArray()) {

@@ -237,11 +237,11 @@ TEST(RollbackTest, goes_back_by_one_list_each_time) {
 
 TEST(RollbackTest, finds_any_version_that_is_asked_for) {
     const History history{{4, ONE, 0}, {5, TWO, 0}, {7, ONE, 4}};
-    for (const uint64_t version : {4, 5, 7}) {
+    for (const uint64_t version : {4U, 5U, 7U}) {
         ASSERT_NE(find_rollback_target(history, version), nullptr) << version;
         EXPECT_EQ(find_rollback_target(history, version)->version, version);
     }
-    for (const uint64_t version : {3, 6, 8}) {
+    for (const uint64_t version : {3U, 6U, 8U}) {
         EXPECT_EQ(find_rollback_target(history, version), nullptr) << version;
     }
     EXPECT_EQ(find_rollback_target({}, 0), nullptr);

@@ -50,10 +50,11 @@ public:
     }
     void publish(const std::string& topic, const std::string& payload) const {
         void* const bytes = const_cast<char*>(payload.data()); // copied
-        if (rd_kafka_producev(
-                m_client.get(), RD_KAFKA_V_TOPIC(topic.c_str()), RD_KAFKA_V_VALUE(bytes, payload.size()),
-                RD_KAFKA_V_MSGFLAGS(RD_KAFKA_MSG_F_COPY), RD_KAFKA_V_END) != RD_KAFKA_RESP_ERR_NO_ERROR ||
-            rd_kafka_flush(m_client.get(), 10'000) != RD_KAFKA_RESP_ERR_NO_ERROR) {
+        rd_kafka_topic_t* const handle = rd_kafka_topic_new(m_client.get(), topic.c_str(), nullptr);
+        const int status = rd_kafka_produce(handle, RD_KAFKA_PARTITION_UA, RD_KAFKA_MSG_F_COPY, bytes,
+                                            payload.size(), nullptr, 0, nullptr);
+        rd_kafka_topic_destroy(handle);
+        if (status != 0 || rd_kafka_flush(m_client.get(), 10'000) != RD_KAFKA_RESP_ERR_NO_ERROR) {
             throw std::runtime_error("not published");
         }
     }
