@@ -1,8 +1,8 @@
 // The table of sessions, beside designs that were tried instead of it:
 //
-//     product          shards of std::unordered_map behind SipHash-1-3, as the router has them
+//     product          shards of a table with linear probing behind SipHash-1-3, as the router has them
 //     one_map_siphash  one std::unordered_map behind the same hash: the simplest, but it grows all at once
-//     open_addressing  shards of a table with linear probing behind the same hash
+//     sharded_map      shards of std::unordered_map behind the same hash
 //     one_map_identity one std::unordered_map with the library's own hash of a number, which is the number
 //
 // find             one look-up among `sessions` ids, in random order. The ids are random.
@@ -15,6 +15,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -27,7 +28,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include "bench/open_addressing_index.h"
 #include "corvalin_lib/media_session_index.h"
 #include "corvalin_lib/reference_countable.h"
 #include "corvalin_lib/utils_siphash.h"
@@ -77,13 +77,37 @@ private:
     std::unordered_map<uint64_t, rc_ptr<Session>, Hash> m_map;
 };
 
-class OpenAddressing {
+// The hash is stored with the key, so that it is calculated once for each look-up and never when a shard grows.
+class ShardedMap {
 public:
-    void insert(uint64_t id) { m_index.insert(id, this); }
-    const void* find(uint64_t id) { return m_index.find(id); }
+    void insert(uint64_t id) {
+        const Key key = key_of(id);
+        shard_of(key).emplace(key, rc_ptr<Session>());
+    }
+    const void* find(uint64_t id) {
+        const Key key = key_of(id);
+        Shard& shard = shard_of(key);
+        const auto position = shard.find(key);
+        return position == shard.end() ? nullptr : &position->second;
+    }
 
 private:
-    corvalin::bench::OpenAddressingIndex m_index{BENCH_KEY};
+    struct Key {
+        uint64_t id;
+        uint64_t hash;
+        bool operator==(const Key& other) const noexcept { return id == other.id; }
+    };
+    struct StoredHash {
+        std::size_t operator()(const Key& key) const noexcept { return key.hash; }
+    };
+    using Shard = std::unordered_map<Key, rc_ptr<Session>, StoredHash>;
+
+    static constexpr int SHARD_BITS = 10;
+
+    static Key key_of(uint64_t id) noexcept { return {id, SipHash()(id)}; }
+    Shard& shard_of(const Key& key) noexcept { return m_shards[key.hash >> (64 - SHARD_BITS)]; }
+
+    std::array<Shard, std::size_t{1} << SHARD_BITS> m_shards;
 };
 
 Ids random_ids(std::size_t count) {
@@ -236,7 +260,7 @@ void longest_insert(benchmark::State& state) {
 
 BENCH_DESIGN("product", Product);
 BENCH_DESIGN("one_map_siphash", OneMap<SipHash>);
-BENCH_DESIGN("open_addressing", OpenAddressing);
+BENCH_DESIGN("sharded_map", ShardedMap);
 BENCH_DESIGN("one_map_identity", OneMap<std::hash<uint64_t>>);
 
 #define BENCH_CHOSEN(NAME, TABLE)                                                                            \
@@ -248,7 +272,7 @@ BENCH_DESIGN("one_map_identity", OneMap<std::hash<uint64_t>>);
 
 BENCH_CHOSEN("product", Product);
 BENCH_CHOSEN("one_map_siphash", OneMap<SipHash>);
-BENCH_CHOSEN("open_addressing", OpenAddressing);
+BENCH_CHOSEN("sharded_map", ShardedMap);
 
 #define BENCH_GROWTH(NAME, TABLE, SESSIONS)                                                                  \
     BENCHMARK(longest_insert<TABLE>)                                                                         \
@@ -261,7 +285,7 @@ BENCH_CHOSEN("open_addressing", OpenAddressing);
 
 BENCH_GROWTH("product", Product, 10'000'000);
 BENCH_GROWTH("one_map_siphash", OneMap<SipHash>, 10'000'000);
-BENCH_GROWTH("open_addressing", OpenAddressing, 10'000'000);
+BENCH_GROWTH("sharded_map", ShardedMap, 10'000'000);
 BENCH_GROWTH("one_map_identity", OneMap<std::hash<uint64_t>>, 10'000'000);
 
 // One map without a keyed hash, for scale. It takes minutes to build a chain of 100000, so it gets 10000 ids.

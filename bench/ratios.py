@@ -84,7 +84,7 @@ def queue_figures(build_dir, rounds):
 DESIGNS = {
     "product": "product",
     "one_map_siphash": "one unordered_map, SipHash",
-    "open_addressing": "shards with open addressing",
+    "sharded_map": "shards of unordered_map",
     "one_map_identity": "one unordered_map, identity",
 }
 

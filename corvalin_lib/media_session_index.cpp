@@ -2,6 +2,7 @@
 
 #include <sys/random.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 #include <utility>
@@ -24,19 +25,58 @@ SessionIndex::SessionIndex() : m_key(random_key()) {
 }
 
 void SessionIndex::insert(uint64_t id, rc_ptr<Session> session) {
-    const HashedId key = hashed(id);
-    shard_of(key).emplace(key, std::move(session));
+    const uint64_t tag = tag_of(id);
+    Shard& shard = shard_of(tag);
+    if ((shard.used + 1) * 4 > shard.slots.size() * 3) {
+        grow(shard);
+    }
+    Slot& slot = shard.slots[position_of(shard, id, tag)];
+    slot.tag = tag;
+    slot.id = id;
+    slot.session = std::move(session);
+    ++shard.used;
     ++m_size;
 }
 
+void SessionIndex::grow(Shard& shard) {
+    Shard larger;
+    larger.slots = std::vector<Slot>(std::max(SLOTS_MIN, shard.slots.size() * 2));
+    larger.used = shard.used;
+    for (Slot& slot : shard.slots) {
+        if (slot.tag != 0) {
+            larger.slots[position_of(larger, slot.id, slot.tag)] = std::move(slot);
+        }
+    }
+    shard = std::move(larger);
+}
+
 void SessionIndex::erase(uint64_t id) noexcept {
-    const HashedId key = hashed(id);
-    m_size -= shard_of(key).erase(key);
+    const uint64_t tag = tag_of(id);
+    Shard& shard = shard_of(tag);
+    if (shard.slots.empty()) {
+        return;
+    }
+    std::size_t gap = position_of(shard, id, tag);
+    if (shard.slots[gap].tag == 0) {
+        return;
+    }
+    // An entry behind the gap moves into it, unless it would then stand ahead of its first choice.
+    const std::size_t mask = shard.slots.size() - 1;
+    for (std::size_t next = behind(shard, gap); shard.slots[next].tag != 0; next = behind(shard, next)) {
+        const std::size_t wanted = first_choice(shard, shard.slots[next].tag);
+        if (((next - wanted) & mask) >= ((next - gap) & mask)) {
+            shard.slots[gap] = std::move(shard.slots[next]);
+            gap = next;
+        }
+    }
+    shard.slots[gap] = Slot();
+    --shard.used;
+    --m_size;
 }
 
 void SessionIndex::clear() noexcept {
     for (Shard& shard : m_shards) {
-        shard.clear();
+        shard = Shard();
     }
     m_size = 0;
 }

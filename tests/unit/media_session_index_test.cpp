@@ -126,19 +126,6 @@ TEST_F(MediaSessionIndexTest, an_entry_may_be_changed_through_its_pointer) {
     EXPECT_EQ(found(7), nullptr);
 }
 
-TEST_F(MediaSessionIndexTest, the_pointer_to_an_entry_is_good_until_that_entry_goes) {
-    insert(7);
-    rc_ptr<Session>* const entry = m_index->find(7);
-    for (uint64_t id = 1'000; id < 101'000; ++id) {
-        insert(id);
-    }
-    for (uint64_t id = 1'000; id < 101'000; ++id) {
-        m_index->erase(id);
-    }
-    EXPECT_EQ(m_index->find(7), entry);
-    EXPECT_EQ((*entry)->m_id, 7u);
-}
-
 TEST_F(MediaSessionIndexTest, agrees_with_a_plain_map_while_it_grows_to_200000_entries_and_shrinks_again) {
     std::random_device source;
     const auto seed = source();
