@@ -40,6 +40,7 @@ struct Options {
     std::string flags = "both";
     uint64_t side = 0;
     uint64_t sockets = 1;
+    bool segmentation_offload = false;
     uint64_t id_base = 1;
     std::string call_id_prefix = "call-";
     std::optional<uint64_t> first_seq;
@@ -136,6 +137,11 @@ void add_pace_options(CLI::App& app, Options& options) {
         ->check(CLI::Range(uint64_t{1}, uint64_t{1000}))
         ->capture_default_str()
         ->group(group);
+    app.add_flag(
+           "--segmentation-offload", options.segmentation_offload,
+           "Neighbours of one length leave in one send and arrive together, as from a network card that\n"
+           "hands over many at a time (UDP_SEGMENT)")
+        ->group(group);
 }
 
 void add_fault_options(CLI::App& app, Options& options) {
@@ -204,6 +210,7 @@ SourceSettings source_settings(const Options& options, const sockaddr_in& target
     SourceSettings settings;
     settings.target = target;
     settings.sockets = options.sockets;
+    settings.segmentation_offload = options.segmentation_offload;
     settings.id_base = options.id_base;
     settings.stream.flags = FLAGS.at(options.flags);
     settings.stream.side = static_cast<uint8_t>(options.side);

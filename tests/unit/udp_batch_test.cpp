@@ -102,6 +102,25 @@ TEST_F(UdpBatchTest, counts_what_the_kernel_drops) {
     EXPECT_EQ(m_receiver.kernel_drops(), datagrams - received);
 }
 
+TEST_F(UdpBatchTest, datagrams_that_share_a_send_arrive_one_by_one_in_order) {
+    m_receiver.set_receive_buffer_bytes(4 * 1024 * 1024);
+    std::vector<std::string> sent;
+    for (int i = 0; i < 100; ++i) { // more of one length than a send may have
+        sent.push_back("datagram " + std::to_string(100 + i));
+    }
+    sent.insert(sent.end(), {"", "", "x", "longer than the one before", "x"});
+    for (int i = 0; i < 60; ++i) { // more bytes than a send may have
+        sent.emplace_back(1200, static_cast<char>('A' + i));
+    }
+    SendBatch sending(m_sender.fd(), 256, SendBatch::SEGMENTS_MAX);
+    for (const std::string& text : sent) {
+        put(sending, text);
+    }
+    sending.flush();
+    ReceiveBatch receiving(256, true);
+    EXPECT_EQ(receive_all(receiving), sent);
+}
+
 TEST_F(UdpBatchTest, goes_on_when_nobody_has_the_port_open) {
     const uint16_t port = [] {
         UdpSocket closed;

@@ -32,7 +32,8 @@ MediaSource::MediaSource(const SourceSettings& settings)
     m_batches.reserve(settings.sockets);
     for (std::size_t index = 0; index < settings.sockets; ++index) {
         m_sockets.emplace_back().connect_to(settings.target);
-        m_batches.emplace_back(m_sockets.back().fd(), BATCH_DATAGRAMS);
+        m_batches.emplace_back(m_sockets.back().fd(), BATCH_DATAGRAMS,
+                               settings.segmentation_offload ? SendBatch::SEGMENTS_MAX : 1);
     }
 }
 

@@ -23,8 +23,9 @@ namespace corvalin::tools {
 
 struct SourceSettings {
     sockaddr_in target{};
-    std::size_t sockets = 1; // above 0; each session keeps to one of them
-    uint64_t id_base = 1;    // id of the first session
+    std::size_t sockets = 1;           // above 0; each session keeps to one of them
+    bool segmentation_offload = false; // neighbours of one length leave and arrive together
+    uint64_t id_base = 1;              // id of the first session
     StreamSettings stream;
     ScheduleSettings schedule;
     // Injected faults. A delay means nothing here.

@@ -3,17 +3,21 @@
 #include <arpa/inet.h>
 #include <linux/sock_diag.h>
 #include <netdb.h>
+#include <netinet/udp.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <system_error>
 
 #include "corvalin_lib/utils_str.h"
 
 namespace corvalin::tools {
 namespace {
+
+constexpr std::size_t SEND_MAX_BYTES = 65507; // what an IPv4 packet holds beside the headers of IP and UDP
 
 [[noreturn]] void fail(const std::string& step) {
     throw std::system_error(errno, std::generic_category(), step);
@@ -94,18 +98,16 @@ uint64_t UdpSocket::kernel_drops() const {
     return information[SK_MEMINFO_DROPS];
 }
 
-SendBatch::SendBatch(int fd, std::size_t capacity)
+SendBatch::SendBatch(int fd, std::size_t capacity, std::size_t max_segments)
     : m_bytes(std::make_unique<uint64_t[]>(capacity * SLOT_BYTES / sizeof(uint64_t))), m_vectors(capacity),
-      m_messages(capacity), m_fd(fd) {
+      m_messages(capacity), m_segment_sizes(capacity), m_fd(fd), m_max_segments(max_segments) {
     for (std::size_t index = 0; index < capacity; ++index) {
         m_vectors[index].iov_base = reinterpret_cast<uint8_t*>(m_bytes.get()) + index * SLOT_BYTES;
-        m_messages[index].msg_hdr.msg_iov = &m_vectors[index];
-        m_messages[index].msg_hdr.msg_iovlen = 1;
     }
 }
 
 uint8_t* SendBatch::slot() {
-    if (m_count == m_messages.size()) {
+    if (m_count == m_vectors.size()) {
         flush();
     }
     return static_cast<uint8_t*>(m_vectors[m_count].iov_base);
@@ -124,10 +126,40 @@ void SendBatch::commit_again() {
     commit(size);
 }
 
+// Returns the number of messages that the waiting datagrams make.
+std::size_t SendBatch::fill_messages() {
+    std::size_t messages = 0;
+    for (std::size_t first = 0, next = 0; first < m_count; first = next) {
+        const std::size_t size = m_vectors[first].iov_len;
+        // Empty datagrams cannot share: nothing of them would be left to cut.
+        const std::size_t segments = size == 0 ? 1 : std::min(m_max_segments, SEND_MAX_BYTES / size);
+        const std::size_t limit = std::min(m_count, first + segments);
+        for (next = first + 1; next < limit && m_vectors[next].iov_len == size; ++next) {
+        }
+        msghdr& header = m_messages[messages].msg_hdr;
+        header = {};
+        header.msg_iov = &m_vectors[first];
+        header.msg_iovlen = next - first;
+        if (next - first > 1) {
+            header.msg_control = m_segment_sizes[messages].bytes;
+            header.msg_controllen = sizeof(SegmentSize);
+            cmsghdr* const control = CMSG_FIRSTHDR(&header);
+            control->cmsg_level = SOL_UDP;
+            control->cmsg_type = UDP_SEGMENT;
+            control->cmsg_len = CMSG_LEN(sizeof(uint16_t));
+            const auto segment_bytes = static_cast<uint16_t>(size);
+            std::memcpy(CMSG_DATA(control), &segment_bytes, sizeof(segment_bytes));
+        }
+        ++messages;
+    }
+    return messages;
+}
+
 void SendBatch::flush() {
+    const std::size_t messages = fill_messages();
     std::size_t sent = 0;
-    while (sent < m_count) {
-        const int result = sendmmsg(m_fd, &m_messages[sent], static_cast<unsigned int>(m_count - sent), 0);
+    while (sent < messages) {
+        const int result = sendmmsg(m_fd, &m_messages[sent], static_cast<unsigned int>(messages - sent), 0);
         if (result >= 0) {
             sent += static_cast<std::size_t>(result);
         } else if (errno == ECONNREFUSED) {

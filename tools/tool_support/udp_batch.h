@@ -46,8 +46,9 @@ public:
     /// The largest datagram.
     static constexpr std::size_t SLOT_BYTES = 2048;
 
-    /// `fd` is borrowed.
-    SendBatch(int fd, std::size_t capacity);
+    /// `fd` is borrowed. `max_segments` above 1 lets neighbours of one length share a send, which the kernel cuts apart
+    /// again (UDP_SEGMENT, udp(7)): they arrive together, as from a network card that hands over many at a time.
+    SendBatch(int fd, std::size_t capacity, std::size_t max_segments = 1);
 
     /// Where the next datagram is to be written, aligned to 8, SLOT_BYTES long. Sends what is waiting if no slot is
     /// free.
@@ -62,12 +63,23 @@ public:
     /// Sends that the peer's machine refused, as nobody has the port open. The datagram is lost.
     uint64_t refused() const noexcept { return m_refused; }
 
+    /// The kernel's limit of datagrams in one send.
+    static constexpr std::size_t SEGMENTS_MAX = 64;
+
 private:
+    struct alignas(cmsghdr) SegmentSize {
+        unsigned char bytes[CMSG_SPACE(sizeof(uint16_t))];
+    };
+
+    std::size_t fill_messages();
+
     std::unique_ptr<uint64_t[]> m_bytes; // words, for the alignment
-    std::vector<iovec> m_vectors;
-    std::vector<mmsghdr> m_messages;
+    std::vector<iovec> m_vectors;        // one for each datagram
+    std::vector<mmsghdr> m_messages;     // one for each send
+    std::vector<SegmentSize> m_segment_sizes;
     const int m_fd; // borrowed
-    std::size_t m_count = 0;
+    const std::size_t m_max_segments;
+    std::size_t m_count = 0; // datagrams that wait
     uint64_t m_refused = 0;
 };
 
