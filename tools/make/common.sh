@@ -4,12 +4,6 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 JOBS="${JOBS:-$(nproc)}"
 
-# What has been compiled once, in any checkout, is not compiled again. Precompiled headers and the generated stamp need
-# the exceptions; paths below this folder are taken as relative ones.
-export CMAKE_CXX_COMPILER_LAUNCHER="${CMAKE_CXX_COMPILER_LAUNCHER-ccache}"
-export CCACHE_BASEDIR="$PWD" CCACHE_NOHASHDIR=1
-export CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
-
 as_root() {
     if [ "$(id -u)" -eq 0 ]; then
         "$@"
@@ -35,7 +29,7 @@ install_packages() {
 }
 
 install_build_packages() {
-    install_packages g++ ccache cmake ninja-build pkg-config git librdkafka-dev rapidjson-dev zlib1g-dev libcli11-dev \
+    install_packages g++ cmake ninja-build pkg-config git librdkafka-dev rapidjson-dev zlib1g-dev libcli11-dev \
         libgtest-dev libgmock-dev libbenchmark-dev python3 iproute2 scdoc
 }
 
