@@ -18,7 +18,7 @@ constexpr char KIND_JSON = 0;
 constexpr std::size_t SAFE_RATIO = INFLATION_LIMIT - 1;
 
 // What inflates beyond this is no event of this system.
-constexpr std::size_t INFLATED_MAX_BYTES = 64 * 1024 * 1024;
+constexpr std::size_t INFLATED_MAX_BYTES = std::size_t{64} * 1024 * 1024;
 
 const unsigned char* bytes_of(const std::string& text) {
     return reinterpret_cast<const unsigned char*>(text.data());
