@@ -28,7 +28,8 @@ using EventHandlers = std::unordered_map<std::string, EventHandler>;
 class EventDispatcher {
 public:
     struct JsonEvent {
-        static const std::string& field_type; // "type"; never destroyed, as a consumer thread may outlive exit
+        // "type". Never destroyed, as a consumer thread may outlive the exit handlers.
+        static const std::string& field_type;
     };
 
     /// Blocks as the broker's constructor does. `settings.on_message_received` is replaced.
