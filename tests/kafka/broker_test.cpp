@@ -160,7 +160,7 @@ protected:
     }
 
     std::vector<std::string> with_maven(const std::string& commands) const {
-        return script({"--prepare", "--java", "true", "--work-dir", (m_folder.path() / "work").string(),
+        return script({"--prepare", "--java", "true", "--work-dir", (m_folder.path() / "broker").string(),
                        "--maven", fake_maven(commands)});
     }
 
@@ -235,7 +235,7 @@ TEST_F(KafkaBrokerScriptTest, keeps_the_class_path) {
     for (int i = 0; i < 2; ++i) {
         ToolProcess process(words);
         EXPECT_EQ(process.wait(), 0) << process.err();
-        EXPECT_THAT(process.out(), MatchesRegex("jars " + m_folder.path().string() + "/work/.*/jars\n"));
+        EXPECT_THAT(process.out(), MatchesRegex("jars " + m_folder.path().string() + "/broker/.*/jars\n"));
     }
     EXPECT_EQ(read_file(runs()), "run\n");
 }
