@@ -47,7 +47,8 @@ TEST_F(MessagingMessageBrokerTest, settings_begin_empty) {
 }
 
 TEST_F(MessagingMessageBrokerTest, bases_and_fields_stand_in_their_order) {
-    TestBroker broker(producer_settings());
+    TestBroker test_broker(producer_settings());
+    MessageBroker& broker = test_broker.broker();
     const auto place = [&broker](const auto& part) {
         return reinterpret_cast<const char*>(&part) - reinterpret_cast<const char*>(&broker);
     };
@@ -55,13 +56,13 @@ TEST_F(MessagingMessageBrokerTest, bases_and_fields_stand_in_their_order) {
     const std::vector<std::ptrdiff_t> places{place(static_cast<RdKafka::RebalanceCb&>(broker)),
                                              place(static_cast<RdKafka::EventCb&>(broker)),
                                              place(static_cast<RdKafka::DeliveryReportCb&>(broker)),
-                                             place(broker.m_settings),
-                                             place(broker.m_producer),
-                                             place(broker.m_consumer),
-                                             place(broker.m_consumer_thread),
-                                             place(broker.m_consumer_running),
-                                             place(broker.m_consumer_ready),
-                                             place(broker.m_first_assignment)};
+                                             place(test_broker.m_settings),
+                                             place(test_broker.m_producer),
+                                             place(test_broker.m_consumer),
+                                             place(test_broker.m_consumer_thread),
+                                             place(test_broker.m_consumer_running),
+                                             place(test_broker.m_consumer_ready),
+                                             place(test_broker.m_first_assignment)};
     EXPECT_EQ(places.front(), 0);
     EXPECT_TRUE(std::is_sorted(places.begin(), places.end()));
 }
@@ -74,7 +75,7 @@ TEST_F(MessagingMessageBrokerTest, without_topics_there_is_a_producer_and_no_con
         EXPECT_FALSE(broker.m_consumer_thread.joinable());
         EXPECT_FALSE(broker.m_consumer_running);
         EXPECT_TRUE(broker.m_producer);
-        EXPECT_EQ(m_kafka.delivery_callback(), static_cast<RdKafka::DeliveryReportCb*>(&broker));
+        EXPECT_EQ(m_kafka.delivery_callback(), static_cast<RdKafka::DeliveryReportCb*>(&broker.broker()));
         EXPECT_EQ(m_kafka.event_callback(), nullptr);
         broker.stop_consumer();
     }
@@ -248,8 +249,8 @@ TEST_F(MessagingMessageBrokerTest, the_consumer_is_made_before_the_producer_and_
     });
     {
         TestBroker broker(consumer_settings());
-        EXPECT_EQ(m_kafka.rebalance_callback(), static_cast<RdKafka::RebalanceCb*>(&broker));
-        EXPECT_EQ(m_kafka.event_callback(), static_cast<RdKafka::EventCb*>(&broker));
+        EXPECT_EQ(m_kafka.rebalance_callback(), static_cast<RdKafka::RebalanceCb*>(&broker.broker()));
+        EXPECT_EQ(m_kafka.event_callback(), static_cast<RdKafka::EventCb*>(&broker.broker()));
         ASSERT_TRUE(m_kafka.wait_until_idle());
         EXPECT_TRUE(broker.m_consumer_running);
     }
