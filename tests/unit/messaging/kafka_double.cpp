@@ -338,6 +338,9 @@ public:
     }
     ErrorCode flush(int timeout_ms) override {
         m_kafka.note("flush " + std::to_string(timeout_ms));
+        if (m_kafka.on_flush) {
+            m_kafka.on_flush();
+        }
         const std::lock_guard<std::mutex> guard(m_kafka.m_lock);
         return m_kafka.next(m_kafka.flush_answers);
     }

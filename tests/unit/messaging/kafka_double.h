@@ -108,6 +108,7 @@ public:
     std::optional<std::string> consumer_refusal;
     std::deque<RdKafka::ErrorCode> produce_answers;
     std::deque<RdKafka::ErrorCode> flush_answers;
+    std::function<void()> on_flush; // inside each flush
     int queue_length = 0;
     std::deque<RdKafka::ErrorCode> subscribe_answers;
     std::deque<MetadataAnswer> metadata_answers;

@@ -6,8 +6,10 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <future>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -17,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/captured_log.h"
+#include "tests/support/waiting.h"
 #include "tests/unit/messaging/broker_fixture.h"
 #include "tests/unit/messaging/kafka_double.h"
 #include "tests/unit/messaging/test_broker.h"
@@ -190,6 +193,44 @@ TEST_F(MessagingMessageBrokerTest, any_other_refusal_is_final) {
     EXPECT_EQ(array_releases(m_kafka.produced().back().payload_pointer), 1);
 }
 
+TEST_F(MessagingMessageBrokerTest, a_refusal_behind_a_full_queue_is_final_as_well) {
+    TestBroker broker(producer_settings());
+    m_kafka.produce_answers = {RdKafka::ERR__QUEUE_FULL, RdKafka::ERR__UNKNOWN_TOPIC};
+    broker.send_text("request", "some text");
+    EXPECT_THAT(m_kafka.calls({"produce", "poll", "flush"}),
+                ElementsAre("produce request", "poll 1000", "produce request"));
+    EXPECT_THAT(m_log.texts(Level::ERROR),
+                ElementsAre("MESSAGE_BROKER: failed to send message to [request]; error (-184): "
+                            "Local: Queue full",
+                            "MESSAGE_BROKER: failed to send message to [request]; error (-188): "
+                            "Local: Unknown topic"));
+    EXPECT_EQ(m_log.lines().size(), 2u);
+    EXPECT_EQ(array_releases(m_kafka.produced().back().payload_pointer), 1);
+}
+
+TEST_F(MessagingMessageBrokerTest,
+       a_message_that_the_library_gives_up_later_is_a_line_and_is_not_sent_again) {
+    TestBroker broker(producer_settings());
+    m_kafka.flush_answers = {RdKafka::ERR__TIMED_OUT};
+    broker.send_text("first", "some text");
+    EXPECT_THAT(m_log.texts(),
+                ElementsAre("MESSAGE_BROKER: message may not be sent to [first]; error (-185): "
+                            "Local: Timed out"));
+    // Whoever flushes next is handed the report.
+    m_kafka.on_flush = [this] {
+        MessageDouble failed(
+            {RdKafka::ERR__MSG_TIMED_OUT, "first", -1, -1001, {}, "Local: Message timed out"});
+        m_kafka.delivery_callback()->dr_cb(failed);
+    };
+    broker.send_text("second", "some text");
+    EXPECT_THAT(m_log.texts(Level::ERROR),
+                ElementsAre("MESSAGE_BROKER: message delivery failed to first[-1], error: "
+                            "Local: Message timed out"));
+    EXPECT_EQ(m_log.lines().size(), 2u);
+    EXPECT_THAT(m_kafka.calls({"produce"}), ElementsAre("produce first", "produce second"));
+    m_kafka.on_flush = nullptr;
+}
+
 TEST_F(MessagingMessageBrokerTest, a_flush_that_runs_out_leaves_the_message_with_a_warning) {
     TestBroker broker(producer_settings());
     m_kafka.flush_answers = {RdKafka::ERR__TIMED_OUT};
@@ -302,6 +343,31 @@ TEST_F(MessagingMessageBrokerTest, a_poll_takes_as_long_as_the_settings_say_and_
         ASSERT_TRUE(m_kafka.wait_until_idle());
         EXPECT_EQ(m_kafka.consume_timeout_ms(), expected);
     }
+}
+
+TEST_F(MessagingMessageBrokerTest, a_stop_waits_for_the_poll_in_progress_and_then_closes) {
+    assign_first();
+    std::atomic<bool>* running = nullptr;
+    std::promise<void> known;
+    std::promise<void> entered;
+    bool is_told_within_the_poll = false;
+    m_kafka.in_consume([&](RdKafka::KafkaConsumer&, RdKafka::RebalanceCb&) {
+        known.get_future().wait();
+        entered.set_value();
+        is_told_within_the_poll = wait_until([&] { return !running->load(); });
+        m_kafka.deliver("own", deflated("behind the stop"));
+    });
+    TestBroker broker(consumer_settings());
+    running = &broker.m_consumer_running;
+    known.set_value();
+    ASSERT_EQ(entered.get_future().wait_for(WAIT_LIMIT), std::future_status::ready);
+    broker.stop_consumer();
+    EXPECT_TRUE(is_told_within_the_poll);
+    EXPECT_FALSE(broker.m_consumer_thread.joinable());
+    EXPECT_THAT(m_kafka.calls({"consume", "close"}), ElementsAre("consume", "consume", "close"));
+    EXPECT_THAT(m_received, IsEmpty());
+    EXPECT_THAT(m_log.texts().back(),
+                MatchesRegex("MESSAGE_BROKER: messages listening thread \\[[0-9]+\\] stopped"));
 }
 
 TEST_F(MessagingMessageBrokerTest, a_second_stop_of_the_consumer_speaks_of_itself) {

@@ -4,9 +4,11 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <list>
 #include <memory>
 #include <string>
@@ -18,6 +20,7 @@
 
 #include "router/statistic_service.h"
 #include "tests/support/packet_builder.h"
+#include "tests/support/refused_system_call.h"
 #include "tests/unit/messaging/service_fixture.h"
 
 namespace {
@@ -154,6 +157,18 @@ TEST_F(ServiceTest, requests_are_written_with_a_blank_behind_each_comma_and_name
                             "request {\"type\":\"configuration_request\", "
                             "\"configuration\":\"corvalin_writer_nodes\", \"config_topic\":\"own\"}",
                             "request {\"type\":\"get_versions\", \"config_topic\":\"own\"}"));
+}
+
+TEST_F(ServiceTest, a_request_that_cannot_be_sent_is_not_sent_again_until_an_event_asks_for_it) {
+    start_messaging();
+    m_kafka.produce_answers = {RdKafka::ERR_MSG_SIZE_TOO_LARGE};
+    m_service.on_event("{\"type\":\"config_manager_started\"}");
+    EXPECT_THAT(m_log.texts(Level::ERROR), ElementsAre("MESSAGE_BROKER: failed to send message to [request]; "
+                                                       "error (10): Broker: Message size too large"));
+    EXPECT_EQ(m_kafka.produced().size(), 1u);
+    m_service.on_event("{\"type\":\"config_manager_started\"}");
+    EXPECT_EQ(m_log.lines(Level::ERROR).size(), 1u);
+    EXPECT_EQ(m_kafka.produced().size(), 2u);
 }
 
 // ---- Announcements
@@ -444,9 +459,9 @@ TEST_F(ServiceTest, a_start_asks_for_both_lists_and_a_stop_ends_what_was_started
     assign_first();
     // The stop comes while the start still waits for the broker, and is seen at the first look of the loop. No socket
     // is open by then.
-    int descriptor_at_assignment = 0;
-    m_kafka.on_assign = [&] {
-        descriptor_at_assignment = m_service.m_socket->descriptor();
+    int descriptor_at_query = 0;
+    m_kafka.on_query = [&] { // ahead of the assignment, which goes on beside the start that it has released
+        descriptor_at_query = m_service.m_socket->descriptor();
         m_service.m_signal_stop = 1;
     };
     m_kafka.in_close([&](RdKafka::KafkaConsumer&, RdKafka::RebalanceCb&) {
@@ -455,7 +470,7 @@ TEST_F(ServiceTest, a_start_asks_for_both_lists_and_a_stop_ends_what_was_started
     });
     EXPECT_TRUE(m_service.on_start());
     EXPECT_EQ(static_cast<Level>(log::Logger::m_instance.m_level), Level::DEBUG);
-    EXPECT_EQ(descriptor_at_assignment, -1);
+    EXPECT_EQ(descriptor_at_query, -1);
     EXPECT_THAT(requests(),
                 ElementsAre("request {\"type\":\"configuration_request\", "
                             "\"configuration\":\"corvalin_media_nodes\", \"config_topic\":\"own\"}",
@@ -487,6 +502,19 @@ TEST_F(ServiceTest, a_port_in_use_fails_the_start_and_leaves_the_rest_to_the_des
     service.reset();
     EXPECT_THAT(m_kafka.calls({"close", "wait_destroyed"}), ElementsAre("close", "wait_destroyed 5000"));
     EXPECT_EQ(statistic.stop(), 0); // it had been left running
+}
+
+TEST_F(ServiceTest, without_a_forwarding_socket_the_start_fails_ahead_of_the_receiving_one) {
+    assign_first();
+    bool is_started = true;
+    with_refused_system_call(SYS_socket, EMFILE, [&] { is_started = m_service.on_start(); });
+    EXPECT_FALSE(is_started);
+    EXPECT_THAT(m_log.texts(Level::ERROR),
+                ElementsAre("SOCKET[ ]: failed to create a socket, error (24): Too many open files"));
+    EXPECT_EQ(m_service.m_socket->descriptor(), -1);
+    EXPECT_EQ(requests().size(), 2u); // those go out before any socket is open
+    EXPECT_TRUE(m_service.m_dispatcher);
+    EXPECT_EQ(router::StatisticService::Instance.stop(), 0); // it had been left running
 }
 
 } // namespace
