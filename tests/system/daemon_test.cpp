@@ -3,7 +3,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -54,6 +56,66 @@ bool is_same_file(const std::string& left, const std::string& right) {
     struct stat right_status {};
     return stat(left.c_str(), &left_status) == 0 && stat(right.c_str(), &right_status) == 0 &&
            left_status.st_dev == right_status.st_dev && left_status.st_ino == right_status.st_ino;
+}
+
+// Seen with the means of a debugger, which holds the launcher there.
+struct Fork {
+    pid_t child = -1;
+    std::size_t threads = 0; // of the launcher
+};
+
+Fork fork_of(pid_t launcher) {
+    Fork seen;
+    int status = 0;
+    while (waitpid(launcher, &status, 0) == launcher && WIFSTOPPED(status)) {
+        if (status >> 16 == PTRACE_EVENT_FORK) {
+            unsigned long child = 0;
+            ptrace(PTRACE_GETEVENTMSG, launcher, nullptr, &child);
+            seen.child = static_cast<pid_t>(child);
+            seen.threads = threads_of(launcher).size();
+            break;
+        }
+        const bool is_own = WSTOPSIG(status) == SIGSTOP || WSTOPSIG(status) == SIGTRAP;
+        ptrace(PTRACE_CONT, launcher, nullptr, is_own ? 0L : long{WSTOPSIG(status)});
+    }
+    return seen;
+}
+
+// Of several threads only the one that forks would be in the daemon.
+TEST_F(DaemonTest, the_launcher_has_one_thread_when_it_forks) {
+    const std::string etc = (m_place.folder() / "etc").string();
+    const std::string log = (m_place.folder() / "log").string();
+    const std::string dev_log = syslog().path();
+    const std::string router = router_executable();
+    const pid_t launcher = fork();
+    if (launcher == 0) {
+        // Neither forks on its way to the router.
+        ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        std::raise(SIGSTOP);
+        execl(CORVALIN_PRIVATE_RUN_PATH, CORVALIN_PRIVATE_RUN_PATH, "--etc", etc.c_str(), "--log",
+              log.c_str(), "--dev-log", dev_log.c_str(), "--", router.c_str(), "--daemon",
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(launcher, &status, 0), launcher);
+    ASSERT_TRUE(WIFSTOPPED(status));
+    const long options = PTRACE_O_EXITKILL | PTRACE_O_TRACEEXEC | PTRACE_O_TRACEFORK;
+    ptrace(PTRACE_SETOPTIONS, launcher, nullptr, options);
+    ptrace(PTRACE_CONT, launcher, nullptr, nullptr);
+
+    const Fork seen = fork_of(launcher);
+    ASSERT_NE(seen.child, -1) << "no fork";
+    EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(launcher) + "/exe"), fs::canonical(router));
+    EXPECT_TRUE(has_record(USER_NOTICE, launcher, "SYSTEM  | DAEMON: starting application in daemon mode"));
+    EXPECT_EQ(seen.threads, 1u);
+
+    for (const pid_t process : {seen.child, launcher}) {
+        kill(process, SIGKILL);
+        while (waitpid(process, &status, __WALL) == process && !WIFSIGNALED(status)) {
+        }
+        EXPECT_TRUE(WIFSIGNALED(status)) << "process " << process;
+    }
 }
 
 TEST_F(DaemonTest, a_daemon_detaches_writes_its_pid_file_and_logs_to_syslog) {
