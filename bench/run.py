@@ -22,7 +22,9 @@ from figures import Figure, print_table
 
 BENCH_DIR = pathlib.Path(__file__).resolve().parent
 LOAD_MODES = ["shapes", "rate", "sessions"]
-CONFIGURATION = "configuration"  # only by name: it needs Apache Kafka and python3-kafka, and takes six minutes more
+# Only by name: they need Apache Kafka, the first one python3-kafka too, and take six minutes more each.
+CONFIGURATION = "configuration"
+SERVICE = "service"
 
 def say(text):
     print(text, file=sys.stderr, flush=True)
@@ -49,10 +51,10 @@ def run_load(build_dir, modes, rounds, seconds, patience, folder):
     return run_in_private(build_dir, folder, *command, "--patience", patience, "--modes", *modes)
 
 
-def run_configuration(build_dir, folder):
+def run_on_kafka(build_dir, folder, *command):
     # Maven reaches its registry from out here, and not from the network of its own.
     subprocess.run([BENCH_DIR.parent / "tests/kafka/kafka_broker.py", "--prepare"], stdout=sys.stderr, check=True)
-    return run_in_private(build_dir, folder, "/usr/bin/python3", BENCH_DIR / "load/configuration.py")
+    return run_in_private(build_dir, folder, "/usr/bin/python3", *command)
 
 
 def first_line_of(*command):
@@ -95,7 +97,7 @@ def main():
     parser.add_argument(
         "--only",
         nargs="+",
-        choices=[*ratios.PARTS, *LOAD_MODES, CONFIGURATION],
+        choices=[*ratios.PARTS, *LOAD_MODES, CONFIGURATION, SERVICE],
         default=[*ratios.PARTS, *LOAD_MODES],
         help="parts to run, instead of all of them",
     )
@@ -123,7 +125,13 @@ def main():
             )
     if CONFIGURATION in arguments.only:
         with tempfile.TemporaryDirectory(dir=build_dir, prefix="bench-") as folder:
-            figures += run_configuration(build_dir, pathlib.Path(folder))
+            figures += run_on_kafka(build_dir, pathlib.Path(folder), BENCH_DIR / "load/configuration.py")
+    if SERVICE in arguments.only:
+        with tempfile.TemporaryDirectory(dir=build_dir, prefix="bench-") as folder:
+            figures += run_on_kafka(
+                build_dir, pathlib.Path(folder), BENCH_DIR / "load/service.py",
+                "--rounds", arguments.rounds, "--seconds", arguments.seconds, "--patience", arguments.patience,
+            )  # fmt: skip
     for part, measure in ratios.PARTS.items():
         if part in arguments.only:
             say(part)

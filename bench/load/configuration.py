@@ -21,7 +21,6 @@ import re
 import select
 import signal
 import socket
-import struct
 import subprocess
 import sys
 import tempfile
@@ -35,12 +34,12 @@ BENCH_DIR = pathlib.Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(BENCH_DIR))
 
 from figures import Figure, ratio  # noqa: E402
-from load.subjects import KAFKA_CONF, SEED, SETTLE_LIMIT_S, SETTLE_LOAD, SETTLE_S, LoadError, udp_socket  # noqa: E402
+from load.subjects import (  # noqa: E402
+    KAFKA_CONF, KAFKA_SCRIPT, SEED, SETTLE_LIMIT_S, SETTLE_LOAD, SETTLE_S, Broker, LoadError, packet, udp_socket,
+)  # fmt: skip
 from load.whole_process import BURST_RATE, SESSIONS_FEW, START_RATE, say  # noqa: E402
 
-KAFKA_SCRIPT = BENCH_DIR.parent / "tests/kafka/kafka_broker.py"
 MEDIA_NODES = "corvalin_media_nodes"
-MEDIA_FLAG = 0x40
 NODE_PORT = 7100
 OTHER_PORTS = (7200, 7201)  # of a list that nobody's sessions are on
 START_LIMIT_S = 60
@@ -49,29 +48,6 @@ PROBE_INTERVAL_S = 0.0005
 SWAPS_PER_SECOND = 100
 CHANGES = 1000
 CHANGE_LOAD_RATE = 10_000
-
-
-class Broker:
-    """A process with commands on its standard input, embedded or Apache Kafka."""
-
-    def __init__(self, command):
-        self._process = subprocess.Popen(
-            [str(word) for word in command], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True
-        )
-        word, _, self.address = self._process.stdout.readline().strip().partition(" ")
-        if word != "broker":
-            raise LoadError(f"no broker: {command}")
-
-    def create_topic(self, name):
-        self._process.stdin.write(f"topic {name}\n")
-        self._process.stdin.flush()
-        answer = self._process.stdout.readline().strip()
-        if answer != "ok":
-            raise LoadError(f"topic {name}: {answer}")
-
-    def stop(self):
-        self._process.stdin.close()
-        self._process.wait()
 
 
 class Manager:
@@ -147,14 +123,6 @@ class Router:
         self._process.terminate()
         if self._process.wait(60) != 0:
             raise LoadError(f"the router ended with status {self._process.returncode}")
-
-
-def packet(kind, session, seq, size):
-    """A start (0x81) or terminate (0x82) packet; all that is not set is 0."""
-    data = bytearray(size)
-    struct.pack_into("<IBBBBQ", data, 0, 0x00FF00FF, kind, 0, 0, MEDIA_FLAG if kind == 0x81 else 0, session)
-    struct.pack_into("<Q", data, 32, seq)
-    return bytes(data)
 
 
 def latency_of_change(manager, router, sender, old, new, sessions):

@@ -11,6 +11,7 @@ import os
 import pathlib
 import resource
 import signal
+import struct
 import subprocess
 import time
 
@@ -29,10 +30,43 @@ START_ATTEMPTS = 4
 
 # As the router sees it; the network and the paths are private ones.
 KAFKA_CONF = pathlib.Path("/etc/tolvaine/corvalin/kafka.conf")
+KAFKA_SCRIPT = pathlib.Path(__file__).resolve().parents[2] / "tests/kafka/kafka_broker.py"
+MEDIA_FLAG = 0x40
 
 
 class LoadError(Exception):
     """The load test cannot go on."""
+
+
+class Broker:
+    """A process with commands on its standard input, embedded or Apache Kafka."""
+
+    def __init__(self, command):
+        self._process = subprocess.Popen(
+            [str(word) for word in command], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True
+        )
+        word, _, self.address = self._process.stdout.readline().strip().partition(" ")
+        if word != "broker":
+            raise LoadError(f"no broker: {command}")
+
+    def create_topic(self, name):
+        self._process.stdin.write(f"topic {name}\n")
+        self._process.stdin.flush()
+        answer = self._process.stdout.readline().strip()
+        if answer != "ok":
+            raise LoadError(f"topic {name}: {answer}")
+
+    def stop(self):
+        self._process.stdin.close()
+        self._process.wait()
+
+
+def packet(kind, session, seq, size):
+    """A start (0x81) or terminate (0x82) packet; all that is not set is 0."""
+    data = bytearray(size)
+    struct.pack_into("<IBBBBQ", data, 0, 0x00FF00FF, kind, 0, 0, MEDIA_FLAG if kind == 0x81 else 0, session)
+    struct.pack_into("<Q", data, 32, seq)
+    return bytes(data)
 
 
 def udp_socket(port):
@@ -177,11 +211,15 @@ class Bench:
         self._subjects.append(subject)
         return subject
 
-    def start_router(self, name, port):
+    def start_router(self, name, port, *options):
         if self._broker is None:
             self._start_broker()
-        arguments = f"port={port},media_node=127.0.0.1:{NODE_PORT}"
+        arguments = ",".join([f"port={port}", f"media_node=127.0.0.1:{NODE_PORT}", *options])
         return self._start(name, port, [self._build_dir / "router/corvalin_router", "--args", arguments])
+
+    def stop(self, subject):
+        self._subjects.remove(subject)
+        subject.stop()
 
     def start_relay(self, port):
         command = [self._build_dir / "bench/load/bare_relay", port, f"127.0.0.1:{NODE_PORT}"]
