@@ -3,9 +3,11 @@
 Nothing of the real machine changes: what is written goes to a tmpfs that vanishes with the last process, and there is
 a network of its own with nothing but loopback. Only sysinit.target is booted, so that no other service of the machine
 starts a second time; a test starts what it needs. Needs root.
+
+Nothing of it outlives the test either, however that ends: its processes are killed with the one that started them, and
+folders are removed by a process that waits for that end.
 """
 
-import errno
 import os
 import signal
 import subprocess
@@ -22,11 +24,25 @@ COMMAND_LIMIT_S = 90
 # A cgroup of its own, so that systemd's slices do not appear among those of the real machine.
 ENTER_CGROUP = r"""
 set -e
-parent="$(findmnt --first-only --noheadings --output TARGET --types cgroup2)"
-mkdir "$parent/$1"
-echo $$ > "$parent/$1/cgroup.procs"
+mkdir "$1"
+echo $$ > "$1/cgroup.procs"
 shift
 exec "$@"
+"""
+
+# Its input ends with the test, even if that is killed. A cgroup can be removed once its last process is gone.
+SWEEP = r"""
+read -r nothing
+tries=0
+until [ ! -e "$1" ] || find "$1" -depth -type d -delete 2>/dev/null; do
+    tries=$((tries + 1))
+    if [ "$tries" -gt 600 ]; then
+        echo "processes stay in $1: $(cat "$1/cgroup.procs")"
+        break
+    fi
+    sleep 0.1
+done
+rmdir "$2"
 """
 
 # The folder itself is covered by the tmpfs, so the caller's view of it stays empty.
@@ -74,15 +90,23 @@ exec env -i container=other PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/b
 
 class Machine:
     def __init__(self, packages):
-        self._folder = tempfile.TemporaryDirectory(prefix="corvalin_machine_")
+        self.folder = tempfile.mkdtemp(prefix="corvalin_machine_")
+        mounts = run("findmnt", "--first-only", "--noheadings", "--output", "TARGET", "--types", "cgroup2").stdout
+        self.cgroup = Path(mounts.strip()) / Path(self.folder).name
+        self.init = None
         self._output = tempfile.TemporaryFile()
+        # Nobody's child, so that it also outlives whoever kills the test with all its children.
+        self._sweeper = subprocess.Popen(
+            ["setsid", "--fork", "sh", "-c", SWEEP, "sweep", self.cgroup, self.folder],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        self._sweeper.wait()
+        # "unshare" goes with this process, and the init of the namespaces, whose end is the end of all others, with it.
         self._process = subprocess.Popen(
-            ["sh", "-c", ENTER_CGROUP, "enter", Path(self._folder.name).name,
+            ["setpriv", "--pdeathsig", "KILL", "sh", "-c", ENTER_CGROUP, "enter", self.cgroup,
              "unshare", "--mount", "--pid", "--net", "--uts", "--ipc", "--cgroup", "--fork", "--kill-child",
              "--propagation", "private",
-             "sh", "-c", BOOT, "boot", self._folder.name, str(packages)],
+             "sh", "-c", BOOT, "boot", self.folder, str(packages)],
             stdin=subprocess.DEVNULL, stdout=self._output, stderr=subprocess.STDOUT)
-        self._init = None
 
     def boot(self):
         """True once systemd is up; what it said is in output()."""
@@ -91,8 +115,8 @@ class Machine:
             children = Path(f"/proc/{self._process.pid}/task/{self._process.pid}/children").read_text().split()
             # Of the children that the shells have had, the one that counts is the first of the namespaces.
             if children and Path(f"/proc/{self._process.pid}/comm").read_text().strip() == "unshare":
-                self._init = children[0]
-                if Path(f"/proc/{self._init}/comm").read_text().strip() == "systemd" and \
+                self.init = children[0]
+                if Path(f"/proc/{self.init}/comm").read_text().strip() == "systemd" and \
                         self.run("systemctl", "is-active", "sysinit.target", check=False).stdout == "active\n":
                     return True
             time.sleep(0.1)
@@ -103,8 +127,8 @@ class Machine:
         return self._output.read().decode(errors="replace")
 
     def _command(self, command):
-        return ["nsenter", "--target", self._init, "--mount", "--pid", "--net", "--uts", "--ipc", "--cgroup", "--root",
-                "--wd=/", "env", "-i", "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+        return ["nsenter", "--target", self.init, "--mount", "--pid", "--net", "--uts", "--ipc", "--cgroup", "--root",
+                "--wdns=/", "env", "-i", "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
                 "DEBIAN_FRONTEND=noninteractive", *[str(word) for word in command]]
 
     def run(self, *command, check=True, **options):
@@ -142,34 +166,24 @@ class Machine:
         if self._process.poll() is None:
             os.kill(self._process.pid, signal.SIGKILL)  # --kill-child takes all others along
         self._process.wait()
-        self._remove_cgroups()
         self._output.close()
-        self._folder.cleanup()
+        remarks, _ = self._sweeper.communicate()
+        if remarks:
+            raise AssertionError(remarks)
 
 
-    def _remove_cgroups(self):
-        mounts = run("findmnt", "--first-only", "--noheadings", "--output", "TARGET", "--types", "cgroup2").stdout
-        own = Path(mounts.strip()) / Path(self._folder.name).name
-        end = time.monotonic() + BOOT_LIMIT_S
-        while own.exists():
-            for folder, _, _ in os.walk(own, topdown=False):
-                try:
-                    os.rmdir(folder)
-                except OSError as error:
-                    # The last processes may still be on their way out.
-                    if error.errno != errno.EBUSY or time.monotonic() > end:
-                        raise
-                    time.sleep(0.05)
-                    break
+def cannot_boot(output):
+    """Where this system cannot have a machine, tests of it are skipped, but not in CI."""
+    message = f"systemd does not boot in namespaces here:\n{output}"
+    if os.environ.get("CI") == "true":
+        raise AssertionError(message)
+    raise unittest.SkipTest(message)
 
 
 def boot_machine(test_class, packages):
-    """A machine for the class. Where this system cannot have one, its tests are skipped, but not in CI."""
+    """A machine for the class."""
     machine = Machine(packages)
     test_class.addClassCleanup(machine.stop)
     if not machine.boot():
-        message = f"systemd does not boot in namespaces here:\n{machine.output()}"
-        if os.environ.get("CI") == "true":
-            raise AssertionError(message)
-        raise unittest.SkipTest(message)
+        cannot_boot(machine.output())
     return machine
