@@ -195,7 +195,27 @@ TEST_P(BrokerTroubleTest, two_routers_on_one_broker_are_told_apart_by_their_port
 
 INSTANTIATE_TEST_SUITE_P(, BrokerTroubleTest, BOTH_BROKERS, broker_test_name);
 
-// What the embedded broker does otherwise: it lets topics appear, and holds a group for good.
+class EmbeddedTroubleTest : public BrokerTroubleTest {};
+
+TEST_P(EmbeddedTroubleTest, a_request_that_the_broker_refuses_is_a_line_and_is_not_sent_again) {
+    KafkaRouter router(broker(), topics());
+    embedded_broker().push_errors("Produce", "MSG_SIZE_TOO_LARGE");
+    router.start();
+    EXPECT_EQ(peer().receive_json(), router.list_request(WRITER_NODES));
+    EXPECT_TRUE(router.process().wait_for_log("ERROR   | MESSAGE_BROKER: message delivery failed to " +
+                                              topics().request +
+                                              "[0], error: Broker: Message size too large"));
+    ASSERT_TRUE(router.process().wait_until_receiving());
+    peer().send_json(topics().broadcast, R"({"type":"config_manager_started"})");
+    EXPECT_EQ(peer().receive_json(), router.versions_request()) << "and nothing in between";
+    EXPECT_FALSE(has_line_with(router.process(), "message may not be sent")) << "it was waited for";
+    EXPECT_EQ(router.process().stop(), exited(0));
+    EXPECT_FALSE(has_line_with(router.process(), "losing data"));
+}
+
+INSTANTIATE_TEST_SUITE_P(, EmbeddedTroubleTest, ::testing::Values(BrokerKind::EMBEDDED), broker_test_name);
+
+// What the embedded broker does otherwise: it lets topics appear, holds a group for good, and slows nobody down.
 class ApacheTroubleTest : public BrokerTroubleTest {
 protected:
     static std::string unknown_line(const KafkaRouter& router) {
@@ -270,6 +290,30 @@ TEST_P(ApacheTroubleTest,
     peer().send_json(router.topic(), R"({"type":"config_versions","data":{"corvalin_writer_nodes":1}})");
     peer().send_json(router.topic(), node_list_event(WRITER_NODES, 1, {&m_node}));
     EXPECT_TRUE(router.process().wait_for_log(received_line(WRITER_NODES)));
+}
+
+TEST_P(ApacheTroubleTest, a_broker_that_slows_the_router_down_is_a_line_and_events_come_all_the_same) {
+    // The broker counts over 10 s and holds back what goes beyond: a few of the messages, each of which may pass alone.
+    const std::string client = "rdkafka"; // as the library calls itself
+    constexpr int BYTES_PER_SECOND = 5000;
+    start();
+    apache_broker().limit_reading(client, BYTES_PER_SECOND);
+    const Bytes no_zlib_stream(4 * BYTES_PER_SECOND, 'x');
+    const std::string throttled = "INFO    | MESSAGE_BROKER: THROTTLED: ";
+    EXPECT_TRUE(eventually([&] {
+        peer().send(router().topic(), no_zlib_stream);
+        return eventually([&] { return has_line_with(process(), throttled); }, seconds(1));
+    }));
+    apache_broker().limit_reading(client, 0);
+    for (const std::string& line : process().log()) {
+        if (line.find(throttled) != std::string::npos) {
+            EXPECT_THAT(line, ::testing::MatchesRegex("INFO    \\| MESSAGE_BROKER: THROTTLED: [0-9]+ms by " +
+                                                      broker().address() + "\\(id: 1\\)"));
+        }
+    }
+    publish_list(WRITER_NODES, 1, {&m_node});
+    EXPECT_TRUE(process().wait_for_log(received_line(WRITER_NODES)));
+    EXPECT_EQ(process().stop(), exited(0));
 }
 
 INSTANTIATE_TEST_SUITE_P(, ApacheTroubleTest, ::testing::Values(BrokerKind::APACHE), broker_test_name);

@@ -38,6 +38,7 @@ protected:
                                    "--request-topic", topics.request, "--broadcast-topic", topics.broadcast});
         return words;
     }
+    /// A router may be started right behind it: whoever is later asks the other.
     std::unique_ptr<ToolProcess> start_manager() {
         return std::make_unique<ToolProcess>(
             command({"run", "--writer", m_list, "--poll-ms", "20"}, topics()));
@@ -55,9 +56,14 @@ protected:
     /// Begins sessions until one of them goes to the node.
     bool takes_new_sessions(KafkaRouter& router, UdpNode& node) {
         UdpSender sender(router.port());
+        const uint64_t old_id = m_last_id;
         return eventually([&] {
             sender.send(start_packet().id(++m_last_id).seq(1).flags(0x80).bytes());
-            return node.has_datagram();
+            bool is_reached = false;
+            while (node.has_datagram()) {
+                is_reached = id_of(node.receive().value()) > old_id || is_reached;
+            }
+            return is_reached;
         });
     }
 
@@ -117,9 +123,82 @@ TEST_P(ConfigManagerTest, a_router_that_runs_gets_its_list_from_a_manager_that_s
     EXPECT_EQ(router.process().stop(), exited(0));
 }
 
+TEST_P(ConfigManagerTest, a_rollback_brings_new_sessions_back_to_the_nodes_before) {
+    UdpNode first;
+    UdpNode second;
+    write_list(first);
+    const auto manager = start_manager();
+    KafkaRouter router(broker(), topics());
+    router.start();
+    ASSERT_TRUE(router.process().wait_until_receiving());
+    write_list(second);
+    ASSERT_TRUE(takes_new_sessions(router, second));
+
+    ToolProcess rollback(command({"rollback", "writer"}, topics()));
+    EXPECT_EQ(rollback.wait(), 0) << rollback.err();
+    EXPECT_EQ(rollback.out(), "published corvalin_writer_nodes version 3: 1 nodes, those of version 1\n");
+    EXPECT_TRUE(takes_new_sessions(router, first));
+    EXPECT_EQ(router.process().stop(), exited(0));
+}
+
+TEST_P(ConfigManagerTest, a_list_that_would_end_a_router_or_lead_it_astray_is_kept_from_it) {
+    UdpNode first;
+    UdpNode second;
+    write_list(first);
+    const auto manager = start_manager();
+    KafkaRouter router(broker(), topics());
+    router.start();
+    ASSERT_TRUE(router.process().wait_until_receiving());
+    ASSERT_TRUE(takes_new_sessions(router, first));
+    for (const char* const text :
+         {"[7]", R"([{"ip":"127.0.0.1","port":"80"}])", R"([{"ip":"no address","port":1}])", "[", "[]"}) {
+        std::filesystem::rename(m_folder.write_file("writer.json.next", text), m_list);
+        std::string line = manager->read_line();
+        while (line.rfind(m_list + " is not published", 0) != 0 && !line.empty()) {
+            line = manager->read_line(); // what it said before
+        }
+        EXPECT_NE(line, "") << text;
+    }
+    write_list(second);
+    ASSERT_TRUE(wait_for(*manager, "published corvalin_writer_nodes version 2: 1 nodes"));
+    EXPECT_TRUE(takes_new_sessions(router, second)) << "the router is alive";
+    EXPECT_EQ(router.process().stop(), exited(0));
+}
+
+TEST_P(ConfigManagerTest, the_manager_warns_of_a_topic_with_more_partitions) {
+    const ManagerTopics wide{topics().request, topics().broadcast + "_wide"};
+    broker().create_topic(wide.broadcast, 2);
+    UdpNode node;
+    write_list(node);
+    ToolProcess publish(command({"publish", "writer", m_list}, wide));
+    EXPECT_EQ(publish.wait(), 0) << publish.err();
+    EXPECT_THAT(publish.out(), HasSubstr("warning: topic [" + wide.broadcast + "] has 2 partitions"));
+}
+
 INSTANTIATE_TEST_SUITE_P(, ConfigManagerTest, BOTH_BROKERS, broker_test_name);
 
-// The embedded broker makes no topic that it is asked for, but every one that is used.
+// What the embedded broker does otherwise: it makes no topic that it is asked for, but every one that is used, with four
+// partitions.
+class ConfigManagerEmbeddedTest : public ConfigManagerTest {};
+
+TEST_P(ConfigManagerEmbeddedTest, a_router_whose_own_topic_came_up_by_itself_gets_its_list) {
+    UdpNode node;
+    write_list(node);
+    const auto manager = start_manager();
+    KafkaRouter router(broker(), topics(), KafkaRouter::OwnTopic::MISSING);
+    router.start();
+    ASSERT_TRUE(
+        wait_for(*manager, "warning: topic [" + router.topic() +
+                               "] has 4 partitions: events on different ones may overtake each other"));
+    ASSERT_TRUE(wait_for(*manager, "sent corvalin_writer_nodes version 1 to [" + router.topic() + "]"));
+    ASSERT_TRUE(router.process().wait_until_receiving());
+    EXPECT_TRUE(takes_new_sessions(router, node));
+    EXPECT_EQ(router.process().stop(), exited(0));
+}
+
+INSTANTIATE_TEST_SUITE_P(, ConfigManagerEmbeddedTest, ::testing::Values(BrokerKind::EMBEDDED),
+                         broker_test_name);
+
 class ConfigManagerTopicTest : public ConfigManagerTest {};
 
 TEST_P(ConfigManagerTopicTest, the_manager_creates_its_topics_with_one_partition) {
@@ -147,16 +226,6 @@ TEST_P(ConfigManagerTopicTest, a_router_whose_own_topic_is_missing_gets_its_list
     EXPECT_TRUE(takes_new_sessions(router, node));
     EXPECT_EQ(partitions_of(router.topic()), 1u);
     EXPECT_EQ(router.process().stop(), exited(0));
-}
-
-TEST_P(ConfigManagerTopicTest, the_manager_warns_of_a_topic_with_more_partitions) {
-    const ManagerTopics wide{topics().request, topics().broadcast + "_wide"};
-    broker().create_topic(wide.broadcast, 2);
-    UdpNode node;
-    write_list(node);
-    ToolProcess publish(command({"publish", "writer", m_list}, wide));
-    EXPECT_EQ(publish.wait(), 0) << publish.err();
-    EXPECT_THAT(publish.out(), HasSubstr("warning: topic [" + wide.broadcast + "] has 2 partitions"));
 }
 
 INSTANTIATE_TEST_SUITE_P(, ConfigManagerTopicTest, ::testing::Values(BrokerKind::APACHE), broker_test_name);

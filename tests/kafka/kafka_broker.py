@@ -11,6 +11,7 @@ each is answered by "ok" or "error TEXT":
   stop                      end it as an operator does (SIGTERM)
   restart                   start it again, on the same port and with all that it had stored
   free-group NAME           remove the members of a consumer group, who may be dead and hold it for 45 s
+  slow CLIENT BYTES         let clients of this client.id read so many bytes a second, 0 for no limit
   help                      list the commands
   quit                      end
 
@@ -278,6 +279,16 @@ class Connection:
         reader.string()
         return reader.int16()
 
+    def limit_reading(self, client, bytes_per_second):
+        """None lifts the limit."""
+        entity = struct.pack(">i", 1) + string("client-id") + string(client)
+        operation = struct.pack(">i", 1) + string("consumer_byte_rate")
+        operation += struct.pack(">db", bytes_per_second or 0, bytes_per_second is None)
+        reader = self.request(49, 0, struct.pack(">i", 1) + entity + operation + b"\0")
+        reader.int32()  # throttle time
+        reader.int32()  # number of entries
+        return reader.int16()
+
 
 # --- the process --------------------------------------------------------------------------------------------
 
@@ -380,6 +391,12 @@ class Broker:
             if code != NO_ERROR:
                 raise BrokerError(error_text(code))
 
+    def limit_reading(self, client, bytes_per_second):
+        with Connection(self.port) as connection:
+            code = connection.limit_reading(client, bytes_per_second)
+            if code != NO_ERROR:
+                raise BrokerError(error_text(code))
+
 
 # --- commands -----------------------------------------------------------------------------------------------
 
@@ -392,6 +409,12 @@ def parse_partitions(text):
     if not re.fullmatch("[0-9]{1,4}", text):
         raise BrokerError(f"\"{text}\" is not a number of partitions")
     return int(text)
+
+
+def parse_bytes(text):
+    if not re.fullmatch("[0-9]{1,9}", text):
+        raise BrokerError(f"\"{text}\" is not a number of bytes")
+    return int(text) or None
 
 
 def execute(broker, words):
@@ -409,6 +432,8 @@ def execute(broker, words):
             broker.start()
         case ["free-group", name]:
             broker.free_group(name)
+        case ["slow", client, bytes_per_second]:
+            broker.limit_reading(client, parse_bytes(bytes_per_second))
         case ["help"]:
             print(help_text())
         case ["quit"]:

@@ -103,6 +103,10 @@ void ApacheBroker::free_group(const std::string& group) {
     command("free-group " + group);
 }
 
+void ApacheBroker::limit_reading(const std::string& client, int bytes_per_second) {
+    command("slow " + client + " " + std::to_string(bytes_per_second));
+}
+
 void ApacheBroker::go_down() {
     command("kill");
 }

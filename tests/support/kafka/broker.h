@@ -93,6 +93,9 @@ public:
     /// Removes all members of a group. A member that was killed would hold it for 45 s.
     void free_group(const std::string& group);
 
+    /// Lets clients of this client.id read so many bytes a second; 0 for as many as they like.
+    void limit_reading(const std::string& client, int bytes_per_second);
+
 protected:
     void go_down() override;
     void come_up() override;

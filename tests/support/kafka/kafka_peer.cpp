@@ -29,6 +29,7 @@ void set(RdKafka::Conf& conf, const Properties& properties) {
 std::unique_ptr<RdKafka::Conf> create_conf(const std::string& broker) {
     std::unique_ptr<RdKafka::Conf> conf(RdKafka::Conf::create(RdKafka::Conf::CONF_GLOBAL));
     set(*conf, {{"bootstrap.servers", broker},
+                {"client.id", "kafka_peer"}, // what a broker is told about routers must not hold for us
                 {"log_level", "0"},
                 // A broker that comes back is found at once, not after the 10 s to which the pause grows.
                 {"reconnect.backoff.max.ms", "200"}});
