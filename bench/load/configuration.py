@@ -12,9 +12,12 @@ fixed paths, see bench/run.py.
 """
 
 import argparse
+import collections
 import contextlib
+import ctypes
 import dataclasses
 import json
+import os
 import pathlib
 import random
 import re
@@ -35,10 +38,14 @@ sys.path.insert(0, str(BENCH_DIR))
 
 from figures import Figure, ratio  # noqa: E402
 from load.subjects import (  # noqa: E402
-    KAFKA_CONF, KAFKA_SCRIPT, SEED, SETTLE_LIMIT_S, SETTLE_LOAD, SETTLE_S, Broker, LoadError, packet, udp_socket,
+    KAFKA_CONF, KAFKA_SCRIPT, SEED, SETTLE_LIMIT_S, SETTLE_LOAD, SETTLE_S, Broker, LoadError, packet, udp_drops,
+    udp_socket,
 )  # fmt: skip
-from load.whole_process import BURST_RATE, SESSIONS_FEW, START_RATE, say  # noqa: E402
+from load.whole_process import BURST_RATE, BURSTS, SESSIONS_FEW, START_RATE, say  # noqa: E402
 
+KERNEL_SETTINGS = BENCH_DIR.parent / "packaging/sysctl/50-corvalin_router.conf"
+SYS_PIDFD_GETFD = 438
+SO_RCVBUFFORCE = 33
 MEDIA_NODES = "corvalin_media_nodes"
 NODE_PORT = 7100
 OTHER_PORTS = (7200, 7201)  # of a list that nobody's sessions are on
@@ -99,6 +106,40 @@ class Router:
     def _media_threads(self):
         reader = re.search(r"PACKETS_READER: thread \[(\d+)\] started", self._log.read_text(encoding="utf-8"))
         return (self._process.pid, int(reader.group(1))) if reader else None
+
+    def _receive_socket(self):
+        """A descriptor of our own of the socket that the router receives by."""
+        inode = next(
+            line.split()[9]
+            for line in pathlib.Path("/proc/net/udp").read_text().splitlines()[1:]
+            if int(line.split()[1].split(":")[1], 16) == self.port
+        )
+        folder = pathlib.Path(f"/proc/{self._process.pid}/fd")
+        number = next(int(entry.name) for entry in folder.iterdir() if os.readlink(entry) == f"socket:[{inode}]")
+        process = os.pidfd_open(self._process.pid)
+        try:
+            descriptor = ctypes.CDLL(None, use_errno=True).syscall(SYS_PIDFD_GETFD, process, number, 0)
+        finally:
+            os.close(process)
+        if descriptor < 0:
+            raise LoadError(f"cannot reach the router's socket: {os.strerror(ctypes.get_errno())}")
+        return socket.socket(fileno=descriptor)
+
+    def enlarge_receive_buffer(self):
+        """To what the packaged kernel settings give a router. The setting itself would be the whole machine's.
+
+        Returns the size, which is less than that without the privilege.
+        """
+        text = KERNEL_SETTINGS.read_text(encoding="utf-8")
+        wanted = int(re.search(r"^net\.core\.rmem_default = (\d+)$", text, re.MULTILINE).group(1))
+        with self._receive_socket() as receiver:
+            if receiver.getsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF) < wanted:
+                half = wanted // 2  # the kernel doubles what is asked for, and not its own default
+                try:
+                    receiver.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, half)
+                except PermissionError:
+                    receiver.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, half)
+            return receiver.getsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF)
 
     def wait_for_lists(self, count):
         received = f"SERVICE: event [{MEDIA_NODES}] received"
@@ -222,9 +263,14 @@ def running_node(build_dir, ports, *options):
         summary.append(json.loads(node.communicate()[0]))
 
 
+def places(lost):
+    return ", ".join(f"{place} {count}" for place, count in sorted(lost.items()))
+
+
 def measure_swaps(build_dir, folder, broker, port, rounds, seconds):
     say(f"{SWAPS_PER_SECOND} swaps a second, {rounds} rounds of {seconds:g} s, {BURST_RATE} packets a second")
     router = Router(build_dir, folder, broker, port)
+    buffer_bytes = router.enlarge_receive_buffer()
     manager = Manager(broker, router.topic)
     manager.publish([NODE_PORT]).get(ANSWER_LIMIT_S)
     router.wait_for_lists(1)
@@ -237,18 +283,19 @@ def measure_swaps(build_dir, folder, broker, port, rounds, seconds):
     next_seq = 2
     lists = 1
     cpu = {"swaps": [], "quiet": []}
-    lost = {"swaps": 0, "quiet": 0}
+    lost = {"swaps": collections.Counter(), "quiet": collections.Counter()}
     rates = []
     for index in range(rounds):
         for kind in ("swaps", "quiet") if index % 2 else ("quiet", "swaps"):
             swapper = Swapper(manager, [OTHER_PORTS, [NODE_PORT]])
             with running_node(build_dir, [NODE_PORT], "--discard") as summary:
-                before = router.media_cpu_ns()
+                before, drops_before = router.media_cpu_ns(), udp_drops(port)
                 if kind == "swaps":
                     swapper.start()
                 sent = run_sender(
                     build_dir, port, "--sessions", SESSIONS_FEW, "--no-start", "--no-terminate", "--endless",
                     "--rate", BURST_RATE, "--duration", seconds, "--first-seq", next_seq, "--datagram-bytes", 376,
+                    *BURSTS,
                 )  # fmt: skip
                 if kind == "swaps":
                     swapper.stop()
@@ -260,15 +307,19 @@ def measure_swaps(build_dir, folder, broker, port, rounds, seconds):
             next_seq += int(BURST_RATE * seconds) + 1
             received = summary[0]["total"]["datagrams"]
             cpu[kind].append(used / received)
-            lost_now = sent["total"]["datagrams"] - received
-            lost[kind] += lost_now
-            say(f"    {kind:6} {used / received:6.0f} ns a packet, {received} packets, {lost_now} lost")
+            lost_now = collections.Counter()
+            lost_now["router's socket"] = udp_drops(port) - drops_before
+            lost_now["node's socket"] = summary[0]["total"]["kernel_drops"]
+            lost_now["router"] = sent["total"]["datagrams"] - received - lost_now.total()
+            lost[kind].update(lost_now)
+            say(f"    {kind:6} {used / received:6.0f} ns a packet, {received} packets, lost: {places(lost_now)}")
     manager.stop()
     router.stop()
     note = f"{min(rates):.1f} swaps a second at least"
+    lost_note = f"{places(lost['swaps'])}; without swaps {places(lost['quiet'])}; receive buffer {buffer_bytes} bytes"
     return [
         ratio("CPU of the media threads per packet, swaps / none", cpu["swaps"], cpu["quiet"], target=1.05, note=note),
-        Figure("packets lost, swaps", [lost["swaps"]], target=0, note=f"without swaps {lost['quiet']}"),
+        Figure("packets lost, swaps", [lost["swaps"].total()], target=0, note=lost_note),
         Figure("CPU of the media threads per packet, swaps", cpu["swaps"], "ns"),
         Figure("CPU of the media threads per packet, none", cpu["quiet"], "ns"),
     ]
