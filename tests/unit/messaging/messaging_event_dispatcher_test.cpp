@@ -44,6 +44,24 @@ protected:
     }
     static std::string frame(const std::string& body) { return std::string(1, '\0') + body; }
 
+    struct UnusableCase {
+        const char* description;
+        std::string body;
+        std::string line;
+    };
+    /// That each body reaches no handler, and is an error's one line behind that of its receipt.
+    void expect_unusable(const std::vector<UnusableCase>& cases) {
+        EventDispatcher dispatcher(producer_settings(), handlers());
+        for (const UnusableCase& row : cases) {
+            SCOPED_TRACE(row.description);
+            m_log.clear();
+            on_frame(dispatcher, frame(row.body));
+            EXPECT_THAT(m_log.texts(Level::ERROR), ElementsAre(row.line));
+            EXPECT_EQ(m_log.lines().size(), 2u); // with that of its receipt
+        }
+        EXPECT_THAT(m_handled, IsEmpty());
+    }
+
     Texts m_handled;
 };
 
@@ -142,12 +160,7 @@ TEST_F(MessagingEventDispatcherTest, the_type_is_handed_on_as_the_key_of_the_tab
 }
 
 TEST_F(MessagingEventDispatcherTest, events_without_a_handler_are_a_line) {
-    struct Case {
-        const char* description;
-        std::string body;
-        std::string line;
-    };
-    const std::vector<Case> cases = {
+    expect_unusable({
         {"another type", "{\"type\":\"alarms\"}", "EVENT_DISPATCHER: unknown JSON event [alarms]"},
         {"other letters", "{\"type\":\"Alarm\"}", "EVENT_DISPATCHER: unknown JSON event [Alarm]"},
         {"an empty type", "{\"type\":\"\"}", "EVENT_DISPATCHER: unknown JSON event []"},
@@ -157,16 +170,7 @@ TEST_F(MessagingEventDispatcherTest, events_without_a_handler_are_a_line) {
         {"no member at all", "{}", "EVENT_DISPATCHER: JSON element \"type\" is not found"},
         {"a type further down", "{\"data\":{\"type\":\"alarm\"}}",
          "EVENT_DISPATCHER: JSON element \"type\" is not found"},
-    };
-    EventDispatcher dispatcher(producer_settings(), handlers());
-    for (const Case& row : cases) {
-        SCOPED_TRACE(row.description);
-        m_log.clear();
-        on_frame(dispatcher, frame(row.body));
-        EXPECT_THAT(m_log.texts(Level::ERROR), ElementsAre(row.line));
-        EXPECT_EQ(m_log.lines().size(), 2u); // with that of its receipt
-    }
-    EXPECT_THAT(m_handled, IsEmpty());
+    });
 }
 
 TEST_F(MessagingEventDispatcherTest, an_empty_type_has_its_handler_like_any_other) {
@@ -178,12 +182,7 @@ TEST_F(MessagingEventDispatcherTest, an_empty_type_has_its_handler_like_any_othe
 }
 
 TEST_F(MessagingEventDispatcherTest, a_body_that_is_no_json_is_told_with_its_offset) {
-    struct Case {
-        const char* description;
-        std::string body;
-        const char* line;
-    };
-    const std::vector<Case> cases = {
+    expect_unusable({
         {"nothing", "", "EVENT_DISPATCHER: JSON parse error at [0]: \"The document is empty.\""},
         {"blanks", "   ", "EVENT_DISPATCHER: JSON parse error at [3]: \"The document is empty.\""},
         {"an end that is missing", "{",
@@ -196,15 +195,7 @@ TEST_F(MessagingEventDispatcherTest, a_body_that_is_no_json_is_told_with_its_off
         {"a comment is none", "/* */{}", "EVENT_DISPATCHER: JSON parse error at [0]: \"Invalid value.\""},
         {"a comma too much", "{\"type\":\"alarm\",}",
          "EVENT_DISPATCHER: JSON parse error at [16]: \"Missing a name for object member.\""},
-    };
-    EventDispatcher dispatcher(producer_settings(), handlers());
-    for (const Case& row : cases) {
-        SCOPED_TRACE(row.description);
-        m_log.clear();
-        on_frame(dispatcher, frame(row.body));
-        EXPECT_THAT(m_log.texts(Level::ERROR), ElementsAre(row.line));
-    }
-    EXPECT_THAT(m_handled, IsEmpty());
+    });
 }
 
 TEST_F(MessagingEventDispatcherTest, a_byte_order_mark_ahead_of_an_event_is_no_matter) {
