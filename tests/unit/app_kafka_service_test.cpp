@@ -74,13 +74,17 @@ protected:
     void write_kafka_conf(const std::string& content) const {
         m_folder.write_file("corvalin/kafka.conf", content);
     }
-    ChildReport run(const std::function<void()>& body) const {
-        return test::run_with_private_syslog([&] {
+    /// Hands a new service and what it logs to `body`, and fails the test if `body` fails.
+    void run(const std::function<void(TestService&, const CapturedLog&)>& body) const {
+        const ChildReport child = test::run_with_private_syslog([&] {
             tools::PrivatePaths paths;
             paths.etc_dir = m_folder.path();
             tools::enter_private_paths(paths);
-            body();
+            const CapturedLog log;
+            TestService service;
+            body(service, log);
         });
+        EXPECT_TRUE(succeeded(child));
     }
 
     TemporaryFolder m_folder;
@@ -134,9 +138,7 @@ TEST_F(AppKafkaServiceTest, a_new_service_names_its_group_and_topic_like_itself)
 
 TEST_F(AppKafkaServiceTest, a_start_reads_both_configurations_and_lets_the_service_name_group_and_topic) {
     write_kafka_conf("# empty\n");
-    const ChildReport child = run([] {
-        const CapturedLog log;
-        TestService service;
+    run([](TestService& service, const CapturedLog& log) {
         ASSERT_TRUE(service.do_start());
         EXPECT_TRUE(service.m_config);
         EXPECT_TRUE(service.m_kafka_config);
@@ -159,13 +161,10 @@ TEST_F(AppKafkaServiceTest, a_start_reads_both_configurations_and_lets_the_servi
         EXPECT_EQ(log.count(log::Level::SYSTEM, "SERVICE: kafka topic is set to [corvalinunit_topic]"), 1u);
         EXPECT_EQ(log.count(log::Level::SYSTEM, "SERVICE: kafka group is set to [corvalinunit_group]"), 1u);
     });
-    EXPECT_TRUE(succeeded(child));
 }
 
 TEST_F(AppKafkaServiceTest, a_missing_kafka_file_fails_the_start_behind_both_version_lines) {
-    const ChildReport child = run([] {
-        const CapturedLog log;
-        TestService service;
+    run([](TestService& service, const CapturedLog& log) {
         EXPECT_FALSE(service.do_start());
         EXPECT_TRUE(service.m_config);
         EXPECT_FALSE(service.m_kafka_config);
@@ -178,28 +177,22 @@ TEST_F(AppKafkaServiceTest, a_missing_kafka_file_fails_the_start_behind_both_ver
         EXPECT_EQ(texts.back(), "CONFIGURATION: failed to open file [/etc/tolvaine/corvalin/kafka.conf]");
         EXPECT_EQ(log.lines().back().level, log::Level::ERROR);
     });
-    EXPECT_TRUE(succeeded(child));
 }
 
 TEST_F(AppKafkaServiceTest, a_bad_kafka_file_fails_the_start_and_clears_an_earlier_configuration) {
     write_kafka_conf("# empty\n");
-    const ChildReport child = run([this] {
-        const CapturedLog log;
-        TestService service;
+    run([this](TestService& service, const CapturedLog& /*log*/) {
         ASSERT_TRUE(service.do_start());
         write_kafka_conf("an=option=too=many\n");
         EXPECT_FALSE(service.do_start());
         EXPECT_FALSE(service.m_kafka_config);
         EXPECT_TRUE(service.m_config);
     });
-    EXPECT_TRUE(succeeded(child));
 }
 
 TEST_F(AppKafkaServiceTest, a_bad_configuration_of_the_service_fails_the_start_ahead_of_kafka) {
     write_kafka_conf("# empty\n");
-    const ChildReport child = run([] {
-        const CapturedLog log;
-        TestService service;
+    run([](TestService& service, const CapturedLog& log) {
         service.m_config_args = "an=option=too=many";
         EXPECT_FALSE(service.do_start());
         EXPECT_FALSE(service.m_config);
@@ -209,14 +202,11 @@ TEST_F(AppKafkaServiceTest, a_bad_configuration_of_the_service_fails_the_start_a
             EXPECT_NE(text, "on_config");
         }
     });
-    EXPECT_TRUE(succeeded(child));
 }
 
 TEST_F(AppKafkaServiceTest, the_arguments_do_not_reach_the_kafka_configuration) {
     write_kafka_conf("kafka_broker=file:9092\n");
-    const ChildReport child = run([] {
-        const CapturedLog log;
-        TestService service;
+    run([](TestService& service, const CapturedLog& log) {
         service.m_config_args = "kafka_broker=args:9092";
         EXPECT_TRUE(service.do_start());
         EXPECT_EQ(service.m_kafka_config->m_kafka_broker, "file:9092");
@@ -226,7 +216,6 @@ TEST_F(AppKafkaServiceTest, the_arguments_do_not_reach_the_kafka_configuration) 
         }
         EXPECT_EQ(readings, 1u);
     });
-    EXPECT_TRUE(succeeded(child));
 }
 
 } // namespace
