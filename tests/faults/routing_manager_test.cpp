@@ -137,11 +137,10 @@ TEST_F(RoutingManagerFaultTest, a_session_that_the_heap_refuses_is_counted_and_h
             m_manager.on_packet(start(1, long_call_id));
             ASSERT_TRUE(refusal.has_happened());
         }
-        EXPECT_THAT(log.texts(), ElementsAre(hosts_text("127.0.0.1", "127.0.0.1"),
-                                             std::string("SESSION_MANAGER: Session ") + DEFAULT_UUID_TEXT +
-                                                 " allocation failed"));
-        EXPECT_EQ(log.lines()[0].level, log::Level::SYSTEM);
-        EXPECT_EQ(log.lines()[1].level, log::Level::ERROR);
+        EXPECT_THAT(log.records(),
+                    ElementsAre("SYSTEM routing_manager: " + hosts_text("127.0.0.1", "127.0.0.1"),
+                                std::string("ERROR media_session_manager: SESSION_MANAGER: Session ") +
+                                    DEFAULT_UUID_TEXT + " allocation failed"));
         EXPECT_EQ(m_statistic.allocation_errors.value(), granted + 1);
         EXPECT_EQ(m_statistic.zombie_number.value(), 0u);
         EXPECT_EQ(m_statistic.session_number.value(), 0u);

@@ -57,6 +57,14 @@ std::vector<std::string> CapturedLog::texts(log::Level level) const {
     return texts;
 }
 
+std::vector<std::string> CapturedLog::records() const {
+    std::vector<std::string> records;
+    for (const CapturedLine& line : lines()) {
+        records.push_back(log::level_to_string(line.level) + (" " + line.file) + ": " + line.text);
+    }
+    return records;
+}
+
 std::size_t CapturedLog::count(log::Level level, const std::string& text) const {
     const std::vector<std::string> chosen = texts(level);
     return static_cast<std::size_t>(std::count(chosen.begin(), chosen.end(), text));

@@ -46,6 +46,8 @@ public:
     std::vector<CapturedLine> lines(log::Level level) const;
     std::vector<std::string> texts() const;
     std::vector<std::string> texts(log::Level level) const;
+    /// All of each message but the number of its line: "ERROR net_socket: text".
+    std::vector<std::string> records() const;
 
     /// How often exactly this text was reported with this level.
     std::size_t count(log::Level level, const std::string& text) const;

@@ -29,6 +29,8 @@ TEST(CapturedLogTest, keeps_level_source_line_and_text_of_each_message_in_order)
     EXPECT_EQ(lines[1].file, "other_module");
     EXPECT_EQ(lines[1].line, 7);
     EXPECT_EQ(lines[1].text, "TEST: second");
+    EXPECT_THAT(captured.records(),
+                ElementsAre("ERROR some_module: TEST: first [1]", "TRACE other_module: TEST: second"));
 }
 
 TEST(CapturedLogTest, selects_and_counts_by_level_and_forgets_on_request) {

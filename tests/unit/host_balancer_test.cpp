@@ -207,10 +207,8 @@ TEST_F(HostBalancerTest, an_update_lists_its_nodes_at_debug_and_trace_only) {
             EXPECT_THAT(log.lines(), IsEmpty());
             continue;
         }
-        ASSERT_EQ(log.lines().size(), 1u);
-        EXPECT_EQ(log.lines()[0].level, log::Level::DEBUG);
-        EXPECT_EQ(log.lines()[0].file, "host_balancer");
-        EXPECT_EQ(log.lines()[0].text, "HOST_BALANCER: received nodes: 10.0.0.1:0 node:65535");
+        EXPECT_THAT(log.records(), ElementsAre("DEBUG host_balancer: HOST_BALANCER: received nodes: "
+                                               "10.0.0.1:0 node:65535"));
     }
 }
 

@@ -664,13 +664,9 @@ TEST_F(MediaPacketReaderTest,
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1) + std::chrono::seconds(5));
     const std::string reader = std::to_string(m_listener.thread_id);
     const std::string caller = std::to_string(current_thread_id());
-    EXPECT_THAT(captured.texts(Level::SYSTEM),
-                ElementsAre("PACKETS_READER: thread [" + reader + "] started",
-                            "PACKETS_READER: thread [" + caller + "] stopped"));
-    for (const test::CapturedLine& line : captured.lines()) {
-        EXPECT_EQ(line.file, "media_packet_reader");
-    }
-    EXPECT_THAT(captured.lines(), SizeIs(2));
+    const std::string prefix = "SYSTEM media_packet_reader: PACKETS_READER: thread [";
+    EXPECT_THAT(captured.records(),
+                ElementsAre(prefix + reader + "] started", prefix + caller + "] stopped"));
 }
 
 TEST_F(MediaPacketReaderTest, stop_of_a_reader_that_does_not_run_is_a_success_and_logs_nothing) {
@@ -695,10 +691,8 @@ TEST_F(MediaPacketReaderTest, a_thread_that_could_not_be_made_shows_when_the_rea
         EXPECT_EQ(m_reader->stop(), ESRCH);
         EXPECT_EQ(m_reader->stop(), 0) << "it does not count as running any more";
     });
-    EXPECT_THAT(captured.texts(Level::WARNING),
-                ElementsAre("PACKETS_READER: thread [" + caller + "] stopped with error (3)"));
-    ASSERT_THAT(captured.lines(), SizeIs(1));
-    EXPECT_EQ(captured.lines()[0].file, "media_packet_reader");
+    EXPECT_THAT(captured.records(), ElementsAre("WARNING media_packet_reader: PACKETS_READER: thread [" +
+                                                caller + "] stopped with error (3)"));
 }
 
 TEST_F(MediaPacketReaderTest, a_reader_without_traffic_goes_round_once_a_second) {

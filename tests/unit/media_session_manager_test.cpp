@@ -215,10 +215,8 @@ TEST_F(MediaSessionManagerTest, a_second_start_of_a_live_id_is_refused_and_the_f
     const CapturedLog captured;
     start(start_packet().id(7).seq(500).ts(2).uuid({0xab}));
 
-    EXPECT_THAT(captured.texts(Level::WARNING),
-                ElementsAre("SESSION_MANAGER: Session ab000000-0000-0000-0000-000000000000 already exists"));
-    ASSERT_THAT(captured.lines(), SizeIs(1));
-    EXPECT_EQ(captured.lines()[0].file, "media_session_manager");
+    EXPECT_THAT(captured.records(), ElementsAre("WARNING media_session_manager: SESSION_MANAGER: Session "
+                                                "ab000000-0000-0000-0000-000000000000 already exists"));
     EXPECT_EQ(m_statistic.existing_index_errors.value(), 1u);
     EXPECT_EQ(m_manager->find(7), first);
     EXPECT_EQ(first->m_ts, 1u);
@@ -238,10 +236,9 @@ TEST_F(MediaSessionManagerTest, a_session_that_could_not_be_built_is_counted_and
     const CapturedLog captured;
     start(start_packet().id(7));
     EXPECT_EQ(m_statistic.allocation_errors.value(), 1u);
-    EXPECT_THAT(captured.texts(Level::ERROR), ElementsAre(std::string("SESSION_MANAGER: Session ") +
-                                                          DEFAULT_UUID_TEXT + " allocation failed"));
-    ASSERT_THAT(captured.lines(), SizeIs(1));
-    EXPECT_EQ(captured.lines()[0].file, "media_session_manager");
+    EXPECT_THAT(captured.records(),
+                ElementsAre(std::string("ERROR media_session_manager: SESSION_MANAGER: Session ") +
+                            DEFAULT_UUID_TEXT + " allocation failed"));
     EXPECT_THAT(m_manager->calls, IsEmpty());
     EXPECT_EQ(m_manager->table_size(), 0u);
     EXPECT_EQ(m_statistic.zombie_number.value(), 0u);

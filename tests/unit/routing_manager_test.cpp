@@ -207,11 +207,9 @@ TEST_F(RoutingManagerTest, the_assignment_is_one_system_line_per_session_at_any_
         deliver(data_packet().id(id).seq(2).bytes());
         deliver(terminate_packet().id(id).seq(3).bytes());
 
-        ASSERT_EQ(log.lines().size(), 1u);
-        EXPECT_EQ(log.lines()[0].level, log::Level::SYSTEM);
-        EXPECT_EQ(log.lines()[0].file, "routing_manager");
-        EXPECT_EQ(log.lines()[0].text, "ROUTING_MANAGER: 10111213-1415-1617-1819-1a1b1c1d1e1f: assigned "
-                                       "hosts: 127.0.0.1:65535 node.invalid:9");
+        EXPECT_THAT(log.records(), ElementsAre("SYSTEM routing_manager: ROUTING_MANAGER: "
+                                               "10111213-1415-1617-1819-1a1b1c1d1e1f: assigned hosts: "
+                                               "127.0.0.1:65535 node.invalid:9"));
     }
 }
 

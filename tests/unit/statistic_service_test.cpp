@@ -310,11 +310,8 @@ TEST(StatisticServiceTest, run_returns_at_once_with_its_line_if_the_service_was_
         const CapturedLog log;
         StatisticService service;
         service.run();
-        ASSERT_EQ(log.lines().size(), 1u);
-        EXPECT_EQ(log.lines()[0].level, log::Level::SYSTEM);
-        EXPECT_EQ(log.lines()[0].file, "statistic_service");
-        EXPECT_EQ(log.lines()[0].text,
-                  "STATISTIC_SERVICE: thread [" + std::to_string(syscall(SYS_gettid)) + "] started");
+        EXPECT_THAT(log.records(), ElementsAre("SYSTEM statistic_service: STATISTIC_SERVICE: thread [" +
+                                               std::to_string(syscall(SYS_gettid)) + "] started"));
     });
     EXPECT_TRUE(succeeded(child));
     EXPECT_THAT(child.syslog, IsEmpty());
@@ -336,9 +333,8 @@ TEST(StatisticServiceTest, stop_of_a_thread_that_could_not_be_made_warns_with_th
     EXPECT_EQ(service.stop(), ESRCH);
     EXPECT_EQ(service.stop(), 0);
 
-    EXPECT_THAT(log.texts(),
-                ElementsAre("STATISTIC_SERVICE: thread [" + own_id + "] stopped with error (3)"));
-    EXPECT_EQ(log.lines()[0].level, log::Level::WARNING);
+    EXPECT_THAT(log.records(), ElementsAre("WARNING statistic_service: STATISTIC_SERVICE: thread [" + own_id +
+                                           "] stopped with error (3)"));
 }
 
 /// Waits until the thread is in its sleep, behind its report.

@@ -100,9 +100,7 @@ TEST_F(ExhaustedHeapTest, a_zombie_that_cannot_be_built_is_counted_reported_and_
     EXPECT_EQ(m_statistic.zombie_number.value(), 0u);
     EXPECT_EQ(m_manager.table_size(), 0u);
     EXPECT_EQ(m_manager.list_size(), 0u);
-    EXPECT_THAT(m_log.texts(), ElementsAre(text("Zombie session")));
-    EXPECT_EQ(m_log.lines()[0].level, Level::ERROR);
-    EXPECT_EQ(m_log.lines()[0].file, "media_session_manager");
+    EXPECT_THAT(m_log.records(), ElementsAre("ERROR media_session_manager: " + text("Zombie session")));
 
     m_manager.on_packet(packet);
     EXPECT_EQ(m_statistic.unknown_index_errors.value(), 2u);

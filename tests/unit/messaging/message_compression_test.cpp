@@ -88,8 +88,9 @@ TEST_F(MessageCompressionTest, a_compression_that_fails_is_a_line_and_leaves_the
     unsigned long size = 4;
     EXPECT_EQ(MessageBroker::compress(bytes("text"), size), nullptr);
     EXPECT_EQ(size, 4u);
-    EXPECT_THAT(m_log.texts(), ElementsAre("MESSAGE_BROKER: message compressing error (-5)"));
-    EXPECT_EQ(m_log.lines()[0].level, log::Level::ERROR);
+    EXPECT_THAT(
+        m_log.records(),
+        ElementsAre("ERROR messaging_message_broker: MESSAGE_BROKER: message compressing error (-5)"));
 }
 
 TEST_F(MessageCompressionTest, a_stream_is_inflated_up_to_ten_times_its_size_and_no_further) {
@@ -117,8 +118,10 @@ TEST_F(MessageCompressionTest, a_stream_is_inflated_up_to_ten_times_its_size_and
             EXPECT_THAT(m_log.lines(), IsEmpty());
         } else {
             EXPECT_EQ(size, row.stream.size());
-            EXPECT_THAT(m_log.texts(), ElementsAre("MESSAGE_BROKER: message decompressing error (-5)"));
-            EXPECT_EQ(m_log.lines()[0].level, log::Level::ERROR);
+            EXPECT_THAT(
+                m_log.records(),
+                ElementsAre(
+                    "ERROR messaging_message_broker: MESSAGE_BROKER: message decompressing error (-5)"));
         }
     }
 }

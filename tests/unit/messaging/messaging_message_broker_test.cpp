@@ -131,9 +131,7 @@ TEST_F(MessagingMessageBrokerTest, a_producer_that_cannot_be_made_is_one_line_an
         Texts expected = row.calls;
         expected.emplace_back("wait_destroyed 5000"); // and no flush of what is not there
         EXPECT_EQ(calls, expected);
-        ASSERT_EQ(m_log.lines().size(), 1u);
-        EXPECT_EQ(m_log.count(Level::ERROR, row.line), 1u);
-        EXPECT_EQ(m_log.lines()[0].file, "messaging_message_broker");
+        EXPECT_THAT(m_log.records(), ElementsAre(std::string("ERROR messaging_message_broker: ") + row.line));
     }
 }
 
@@ -187,9 +185,9 @@ TEST_F(MessagingMessageBrokerTest, any_other_refusal_is_final) {
     m_kafka.produce_answers = {RdKafka::ERR_MSG_SIZE_TOO_LARGE};
     broker.send_text("request", "some text");
     EXPECT_THAT(m_kafka.calls({"produce", "poll", "flush"}), ElementsAre("produce request"));
-    EXPECT_THAT(m_log.texts(), ElementsAre("MESSAGE_BROKER: failed to send message to [request]; error (10): "
-                                           "Broker: Message size too large"));
-    EXPECT_EQ(m_log.lines()[0].level, Level::ERROR);
+    EXPECT_THAT(m_log.records(), ElementsAre("ERROR messaging_message_broker: MESSAGE_BROKER: failed to send "
+                                             "message to [request]; error (10): "
+                                             "Broker: Message size too large"));
     EXPECT_EQ(array_releases(m_kafka.produced().back().payload_pointer), 1);
 }
 
@@ -235,10 +233,9 @@ TEST_F(MessagingMessageBrokerTest, a_flush_that_runs_out_leaves_the_message_with
     TestBroker broker(producer_settings());
     m_kafka.flush_answers = {RdKafka::ERR__TIMED_OUT};
     broker.send_text("request", "some text");
-    EXPECT_THAT(m_log.texts(),
-                ElementsAre("MESSAGE_BROKER: message may not be sent to [request]; error (-185): "
-                            "Local: Timed out"));
-    EXPECT_EQ(m_log.lines()[0].level, Level::WARNING);
+    EXPECT_THAT(m_log.records(), ElementsAre("WARNING messaging_message_broker: MESSAGE_BROKER: message may "
+                                             "not be sent to [request]; error (-185): "
+                                             "Local: Timed out"));
 }
 
 TEST_F(MessagingMessageBrokerTest, a_message_that_cannot_be_compressed_does_not_reach_the_producer) {
@@ -275,9 +272,8 @@ TEST_F(MessagingMessageBrokerTest,
     broker.stop_producer();
     EXPECT_THAT(m_kafka.calls({"flush", "outq_len", "delete"}),
                 ElementsAre("delete global conf", "flush 10000", "outq_len", "delete producer"));
-    EXPECT_THAT(m_log.texts(),
-                ElementsAre("MESSAGE_BROKER: losing data as (2) message(s) were not delivered"));
-    EXPECT_EQ(m_log.lines()[0].level, Level::WARNING);
+    EXPECT_THAT(m_log.records(), ElementsAre("WARNING messaging_message_broker: MESSAGE_BROKER: losing data "
+                                             "as (2) message(s) were not delivered"));
 }
 
 // ---- Consumer: start and stop
