@@ -2,9 +2,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstddef>
-#include <cstdlib>
-#include <new>
 #include <utility>
 
 namespace {
@@ -12,57 +9,12 @@ namespace {
 using corvalin::test::FakeSleep;
 using corvalin::test::LockScript;
 
-constexpr uint64_t NEVER = UINT64_MAX;
-
-// Plain thread-local numbers: whatever needs a constructor would allocate.
-thread_local uint64_t allocations = 0;
-thread_local uint64_t refused_allocation = NEVER;
+// Plain: whatever needs a constructor might allocate, and would do so within the first call that is led here.
 thread_local LockScript* lock_script = nullptr; // borrowed
 
 std::atomic<FakeSleep*> fake_sleep{nullptr}; // borrowed
 
-void* allocate(std::size_t size, std::size_t alignment) {
-    if (allocations++ == refused_allocation) {
-        return nullptr;
-    }
-    if (size == 0) {
-        size = 1;
-    }
-    if (alignment <= alignof(std::max_align_t)) {
-        return std::malloc(size);
-    }
-    return std::aligned_alloc(alignment, (size + alignment - 1) / alignment * alignment);
-}
-
-void* allocate_or_throw(std::size_t size, std::size_t alignment) {
-    void* const memory = allocate(size, alignment);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
 } // namespace
-
-// The forms for arrays and those that do not throw lead here too, as the standard library says.
-void* operator new(std::size_t size) {
-    return allocate_or_throw(size, alignof(std::max_align_t));
-}
-void* operator new(std::size_t size, std::align_val_t alignment) {
-    return allocate_or_throw(size, static_cast<std::size_t>(alignment));
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::align_val_t /*alignment*/) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t /*size*/, std::align_val_t /*alignment*/) noexcept {
-    std::free(memory);
-}
 
 // NOLINTBEGIN(readability-identifier-naming): the linker makes these names of the wrapped calls
 extern "C" {
@@ -110,22 +62,6 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* lock) {
 // NOLINTEND(readability-identifier-naming)
 
 namespace corvalin::test {
-
-RefusedAllocation::RefusedAllocation(uint64_t granted) {
-    refused_allocation = allocations + granted;
-}
-
-RefusedAllocation::~RefusedAllocation() {
-    refused_allocation = NEVER;
-}
-
-bool RefusedAllocation::has_happened() const {
-    return allocations > refused_allocation;
-}
-
-uint64_t allocation_count() {
-    return allocations;
-}
 
 FakeSleep::FakeSleep(std::deque<Answer> answers) : m_answers(std::move(answers)) {
     fake_sleep.store(this, std::memory_order_release);

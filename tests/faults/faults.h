@@ -1,14 +1,13 @@
-// faults: allocations that fail, sleeps that end when a test says so, and locks that answer with an error.
+// faults: sleeps that end when a test says so, and locks that answer with an error.
 //
-// Threads    RefusedAllocation, AllocationCount and LockScript act on the thread that made them, and on no other.
-//            FakeSleep acts on every thread of the process.
+// Threads    LockScript acts on the thread that made it, and on no other. FakeSleep acts on every thread of the
+//            process.
 // Ownership  each fault ends with its object. At most one object of a kind lives at a time.
 #pragma once
 
 #include <pthread.h>
 
 #include <condition_variable>
-#include <cstdint>
 #include <ctime>
 #include <deque>
 #include <mutex>
@@ -16,21 +15,6 @@
 #include <vector>
 
 namespace corvalin::test {
-
-/// Makes one allocation by `new` throw std::bad_alloc, once.
-class RefusedAllocation {
-public:
-    /// The allocation behind the next `granted` ones is refused.
-    explicit RefusedAllocation(uint64_t granted);
-    ~RefusedAllocation();
-    RefusedAllocation(const RefusedAllocation&) = delete;
-    RefusedAllocation& operator=(const RefusedAllocation&) = delete;
-
-    bool has_happened() const;
-};
-
-/// Allocations by `new` so far on this thread.
-uint64_t allocation_count();
 
 /// Takes the place of nanosleep.
 class FakeSleep {

@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/faults/faults.h"
+#include "tests/support/heap/counted_heap.h"
 #include "tests/support/captured_log.h"
 
 namespace {
@@ -66,7 +67,7 @@ TEST_F(HostBalancerFaultTest, an_update_that_the_heap_refuses_throws_and_leaves_
             } catch (const std::bad_alloc&) {
                 is_refused = true;
             }
-            ASSERT_EQ(refused.has_happened(), is_refused);
+            ASSERT_EQ(RefusedAllocation::happened(), is_refused);
         }
         is_done = !is_refused;
         if (is_refused) {

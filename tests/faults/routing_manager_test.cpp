@@ -18,6 +18,7 @@
 
 #include "corvalin_lib/log.h"
 #include "tests/faults/faults.h"
+#include "tests/support/heap/counted_heap.h"
 #include "tests/support/captured_log.h"
 #include "tests/support/packet_builder.h"
 
@@ -47,7 +48,7 @@ public:
     RefusalBehindAssignment(const RefusalBehindAssignment&) = delete;
     RefusalBehindAssignment& operator=(const RefusalBehindAssignment&) = delete;
 
-    bool has_happened() const { return m_refused && m_refused->has_happened(); }
+    bool has_happened() const { return m_refused && RefusedAllocation::happened(); }
 
 private:
     static void write(void* context, const char* file, int line, const log::Message& message) {
@@ -172,7 +173,7 @@ TEST_F(RoutingManagerFaultTest, a_heap_that_is_exhausted_anywhere_in_create_sess
         {
             const RefusedAllocation refused(granted);
             session = m_manager.create_session(packet, result);
-            has_happened = refused.has_happened();
+            has_happened = RefusedAllocation::happened();
         }
         EXPECT_EQ(result, session ? 1u : 0u);
         if (session) {
@@ -226,17 +227,17 @@ TEST_F(RoutingManagerFaultTest, forwarding_takes_no_lock_and_allocates_nothing) 
         auto& data = packet<media::DataPacket>(
             data_packet().id(1).seq(static_cast<uint64_t>(seq)).payload_units(100).bytes());
         const LockScript script;
-        const uint64_t allocations_before = allocation_count();
+        const uint64_t allocations_before = allocations();
         m_manager.on_packet(data);
-        const uint64_t allocations_behind = allocation_count();
+        const uint64_t allocations_behind = allocations();
         EXPECT_EQ(allocations_behind, allocations_before);
         EXPECT_EQ(script.text(), "");
     }
     auto& terminate = packet<media::TerminatePacket>(terminate_packet().id(1).seq(4).bytes());
     const LockScript script;
-    const uint64_t allocations_before = allocation_count();
+    const uint64_t allocations_before = allocations();
     m_manager.on_packet(terminate);
-    EXPECT_EQ(allocation_count(), allocations_before);
+    EXPECT_EQ(allocations(), allocations_before);
     EXPECT_EQ(script.text(), "");
 }
 

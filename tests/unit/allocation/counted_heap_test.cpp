@@ -1,4 +1,4 @@
-#include "tests/unit/allocation/counted_heap.h"
+#include "tests/support/heap/counted_heap.h"
 
 #include <gtest/gtest.h>
 

@@ -10,9 +10,9 @@
 #include "corvalin_lib/media_session.h"
 #include "corvalin_lib/media_session_manager.h"
 #include "tests/support/captured_log.h"
+#include "tests/support/heap/counted_heap.h"
 #include "tests/support/packet_builder.h"
 #include "tests/support/pooled_packet.h"
-#include "tests/unit/allocation/counted_heap.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "tests/unit/allocation/counted_heap.h"
+#include "tests/support/heap/counted_heap.h"
 
 int main(int argc, char** argv) {
     corvalin::test::note_main();

@@ -17,10 +17,10 @@
 #include "corvalin_lib/net.h"
 #include "corvalin_lib/net_socket.h"
 #include "router/routing_manager.h"
+#include "tests/support/heap/counted_heap.h"
 #include "tests/support/captured_log.h"
 #include "tests/support/packet_builder.h"
 #include "tests/support/pooled_packet.h"
-#include "tests/unit/allocation/counted_heap.h"
 
 namespace {
 
