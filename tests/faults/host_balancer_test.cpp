@@ -8,15 +8,15 @@
 #include <new>
 #include <shared_mutex>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tests/faults/faults.h"
-#include "tests/support/heap/counted_heap.h"
 #include "tests/support/captured_log.h"
+#include "tests/support/heap/counted_heap.h"
+#include "tests/support/system_error_matcher.h"
 
 namespace {
 
@@ -25,6 +25,7 @@ using router::HostBalancer;
 using test::CapturedLog;
 using test::LockScript;
 using test::RefusedAllocation;
+using test::throws_system_error;
 using ::testing::ElementsAre;
 
 /// Names that a string cannot hold within itself, so that the copy of each allocates.
@@ -91,24 +92,14 @@ TEST_F(HostBalancerFaultTest, a_pick_asks_for_the_read_lock_again_for_as_long_as
 
 TEST_F(HostBalancerFaultTest, a_pick_gives_a_deadlock_back_as_a_system_error) {
     const LockScript script({EAGAIN, EDEADLK});
-    try {
-        m_balancer.pick();
-        ADD_FAILURE() << "no exception";
-    } catch (const std::system_error& error) {
-        EXPECT_EQ(error.code().value(), EDEADLK);
-    }
+    EXPECT_THAT([&] { m_balancer.pick(); }, throws_system_error(EDEADLK));
     EXPECT_EQ(m_balancer.m_cursor, 1u);
     EXPECT_EQ(script.text(), "read 11, read 35"); // what was not taken is not released
 }
 
 TEST_F(HostBalancerFaultTest, an_update_gives_a_deadlock_back_as_a_system_error_and_changes_nothing) {
     const LockScript script({EDEADLK});
-    try {
-        m_balancer.update(nodes({"x"}));
-        ADD_FAILURE() << "no exception";
-    } catch (const std::system_error& error) {
-        EXPECT_EQ(error.code().value(), EDEADLK);
-    }
+    EXPECT_THAT([&] { m_balancer.update(nodes({"x"})); }, throws_system_error(EDEADLK));
     EXPECT_THAT(names_in(m_balancer), ElementsAre("a", "b", "c"));
     EXPECT_EQ(m_balancer.m_cursor, 1u);
     EXPECT_EQ(script.text(), "write 35");

@@ -10,7 +10,6 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -22,6 +21,7 @@
 #include "tests/support/captured_log.h"
 #include "tests/support/packet_builder.h"
 
+#include "tests/support/system_error_matcher.h"
 namespace {
 
 using namespace corvalin;
@@ -189,12 +189,7 @@ TEST_F(RoutingManagerFaultTest, create_session_does_not_catch_a_deadlock_of_the_
     unsigned long result = 1;
     const CapturedLog log;
     const LockScript script({EDEADLK});
-    try {
-        m_manager.create_session(start(1), result);
-        ADD_FAILURE() << "no exception";
-    } catch (const std::system_error& error) {
-        EXPECT_EQ(error.code().value(), EDEADLK);
-    }
+    EXPECT_THAT([&] { m_manager.create_session(start(1), result); }, throws_system_error(EDEADLK));
     EXPECT_EQ(result, 1u);
     EXPECT_TRUE(log.lines().empty());
 }

@@ -12,7 +12,6 @@
 #include <shared_mutex>
 #include <sstream>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -21,12 +20,14 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/captured_log.h"
+#include "tests/support/system_error_matcher.h"
 
 namespace {
 
 using namespace corvalin;
 using router::HostBalancer;
 using test::CapturedLog;
+using test::throws_system_error;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -242,12 +243,7 @@ TEST_F(HostBalancerTest, an_update_by_the_thread_that_holds_the_lock_throws_and_
     pick();
     {
         const std::unique_lock<std::shared_mutex> held(m_balancer.m_lock);
-        try {
-            m_balancer.update(nodes({"c"}));
-            ADD_FAILURE() << "no exception";
-        } catch (const std::system_error& error) {
-            EXPECT_EQ(error.code().value(), EDEADLK);
-        }
+        EXPECT_THAT([&] { m_balancer.update(nodes({"c"})); }, throws_system_error(EDEADLK));
     }
     EXPECT_EQ(m_balancer.m_cursor, 1u);
     EXPECT_THAT(picks(2), ElementsAre("b", "a"));
@@ -258,12 +254,7 @@ TEST_F(HostBalancerTest, a_pick_by_the_thread_that_holds_the_lock_throws_and_mov
     pick();
     {
         const std::unique_lock<std::shared_mutex> held(m_balancer.m_lock);
-        try {
-            m_balancer.pick();
-            ADD_FAILURE() << "no exception";
-        } catch (const std::system_error& error) {
-            EXPECT_EQ(error.code().value(), EDEADLK);
-        }
+        EXPECT_THAT([&] { m_balancer.pick(); }, throws_system_error(EDEADLK));
     }
     EXPECT_EQ(m_balancer.m_cursor, 1u);
     EXPECT_THAT(picks(2), ElementsAre("b", "a"));
