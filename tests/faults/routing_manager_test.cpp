@@ -17,11 +17,12 @@
 
 #include "corvalin_lib/log.h"
 #include "tests/faults/faults.h"
-#include "tests/support/heap/counted_heap.h"
 #include "tests/support/captured_log.h"
+#include "tests/support/heap/counted_heap.h"
+#include "tests/support/local_address.h"
 #include "tests/support/packet_builder.h"
-
 #include "tests/support/system_error_matcher.h"
+
 namespace {
 
 using namespace corvalin;
@@ -72,10 +73,7 @@ protected:
         if (!m_socket.open(0, 0) || !m_node.open(0, INADDR_LOOPBACK)) {
             throw std::runtime_error("no socket");
         }
-        sockaddr_in local{};
-        socklen_t size = sizeof(local);
-        getsockname(m_node.descriptor(), reinterpret_cast<sockaddr*>(&local), &size);
-        m_port = ntohs(local.sin_port);
+        m_port = local_port(m_node);
         m_manager.set_writer_hosts({node("127.0.0.1"), node("127.0.0.2")});
         m_manager.set_media_hosts({node("127.0.0.1"), node("127.0.0.3")});
     }

@@ -24,6 +24,7 @@
 #include "corvalin_lib/thread.h"
 #include "tests/faults/faults.h"
 #include "tests/support/captured_log.h"
+#include "tests/support/local_address.h"
 #include "tests/support/private_syslog.h"
 
 namespace {
@@ -193,15 +194,12 @@ TEST(StatisticServiceFaultTest,
 TEST(StatisticServiceFaultTest, the_fields_of_a_transfer_change_nothing) {
     net::Socket receiver;
     ASSERT_TRUE(receiver.open(0, INADDR_LOOPBACK));
-    sockaddr_in local{};
-    socklen_t size = sizeof(local);
-    ASSERT_EQ(getsockname(receiver.descriptor(), reinterpret_cast<sockaddr*>(&local), &size), 0);
 
     const ServiceRun run = run_service(
         {DONE, DONE},
-        [&local](StatisticService& service) {
+        [&receiver](StatisticService& service) {
             service.m_transfer_enabled = true;
-            service.m_transfer_host = net::make_host_addr("127.0.0.1", ntohs(local.sin_port));
+            service.m_transfer_host = net::make_host_addr("127.0.0.1", test::local_port(receiver));
         },
         [](const FakeSleep&, const CapturedLog& log) { EXPECT_EQ(log.lines().size(), 2u); });
 

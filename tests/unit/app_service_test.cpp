@@ -38,6 +38,7 @@
 #include "corvalin_lib/net_socket.h"
 #include "corvalin_lib/thread.h"
 #include "tests/support/captured_log.h"
+#include "tests/support/local_address.h"
 #include "tests/support/private_syslog.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/waiting.h"
@@ -894,9 +895,7 @@ bool is_in_system_call(pid_t thread_id, int number) {
 TEST_F(AppServiceTest, each_signal_interrupts_a_read_that_waits) {
     net::Socket socket;
     ASSERT_TRUE(socket.open(0, INADDR_LOOPBACK));
-    sockaddr_in local{};
-    socklen_t size = sizeof(local);
-    ASSERT_EQ(getsockname(socket.descriptor(), reinterpret_cast<sockaddr*>(&local), &size), 0);
+    const sockaddr_in local = test::local_address(socket.descriptor());
     TestService::signals_subscribe();
     for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGUSR2, SIGTERM}) {
         SCOPED_TRACE(strsignal(number));

@@ -22,6 +22,7 @@
 
 #include "router/statistic_service.h"
 #include "tests/support/captured_log.h"
+#include "tests/support/local_address.h"
 #include "tests/support/packet_builder.h"
 
 namespace {
@@ -46,10 +47,7 @@ public:
         if (!m_socket.open(0, INADDR_LOOPBACK)) {
             throw std::runtime_error("no receiver socket");
         }
-        sockaddr_in local{};
-        socklen_t size = sizeof(local);
-        getsockname(m_socket.descriptor(), reinterpret_cast<sockaddr*>(&local), &size);
-        m_port = ntohs(local.sin_port);
+        m_port = local_port(m_socket);
     }
 
     uint16_t port() const { return m_port; }
@@ -384,10 +382,8 @@ TEST_F(RoutingManagerTest, the_writer_node_gets_each_packet_ahead_of_the_media_n
     ASSERT_EQ(setsockopt(receiver, IPPROTO_IP, IP_PKTINFO, &on, sizeof(on)), 0);
     sockaddr_in local{};
     local.sin_family = AF_INET;
-    socklen_t local_size = sizeof(local);
     ASSERT_EQ(bind(receiver, reinterpret_cast<sockaddr*>(&local), sizeof(local)), 0);
-    ASSERT_EQ(getsockname(receiver, reinterpret_cast<sockaddr*>(&local), &local_size), 0);
-    const uint16_t port = ntohs(local.sin_port);
+    const uint16_t port = ntohs(local_address(receiver).sin_port);
     m_manager->set_media_hosts({net::make_host_addr("127.0.0.3", port)});
     m_manager->set_writer_hosts({net::make_host_addr("127.0.0.2", port)});
 

@@ -1,6 +1,5 @@
 // What the packet path takes from the heap: nothing for a data packet, from the datagram to the nodes.
 #include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <gtest/gtest.h>
 
@@ -17,8 +16,9 @@
 #include "corvalin_lib/net.h"
 #include "corvalin_lib/net_socket.h"
 #include "router/routing_manager.h"
-#include "tests/support/heap/counted_heap.h"
 #include "tests/support/captured_log.h"
+#include "tests/support/heap/counted_heap.h"
+#include "tests/support/local_address.h"
 #include "tests/support/packet_builder.h"
 #include "tests/support/pooled_packet.h"
 
@@ -44,12 +44,7 @@ int64_t standing_clock() {
 class Node {
 public:
     Node() { EXPECT_TRUE(m_socket.open(0, INADDR_LOOPBACK)); }
-    net::HostAddr address() const {
-        sockaddr_in local{};
-        socklen_t size = sizeof(local);
-        EXPECT_EQ(getsockname(m_socket.descriptor(), reinterpret_cast<sockaddr*>(&local), &size), 0);
-        return net::make_host_addr("127.0.0.1", ntohs(local.sin_port));
-    }
+    net::HostAddr address() const { return net::make_host_addr("127.0.0.1", test::local_port(m_socket)); }
 
 private:
     net::Socket m_socket;

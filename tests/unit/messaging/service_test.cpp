@@ -3,7 +3,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 
 #include <algorithm>
@@ -19,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "router/statistic_service.h"
+#include "tests/support/local_address.h"
 #include "tests/support/packet_builder.h"
 #include "tests/support/refused_system_call.h"
 #include "tests/unit/messaging/service_fixture.h"
@@ -486,17 +486,14 @@ TEST_F(ServiceTest, a_start_asks_for_both_lists_and_a_stop_ends_what_was_started
 TEST_F(ServiceTest, a_port_in_use_fails_the_start_and_leaves_the_rest_to_the_destructor) {
     net::Socket other;
     ASSERT_TRUE(other.open(0, INADDR_ANY));
-    sockaddr_in local{};
-    socklen_t size = sizeof(local);
-    getsockname(other.descriptor(), reinterpret_cast<sockaddr*>(&local), &size);
     auto service = std::make_unique<TestService>();
-    service->m_config->m_port = ntohs(local.sin_port);
+    service->m_config->m_port = local_port(other);
     assign_first();
     EXPECT_FALSE(service->on_start());
     EXPECT_TRUE(service->m_dispatcher);
     EXPECT_THAT(m_kafka.calls({"close"}), IsEmpty());
     router::StatisticService& statistic = router::StatisticService::Instance;
-    EXPECT_EQ(statistic.m_port, ntohs(local.sin_port));
+    EXPECT_EQ(statistic.m_port, local_port(other));
     EXPECT_TRUE(statistic.m_has_port);
     EXPECT_FALSE(statistic.m_logging_enabled);
     service.reset();
