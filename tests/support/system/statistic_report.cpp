@@ -8,38 +8,11 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/statistic_report_text.h"
+
 namespace corvalin::test {
 
 namespace {
-
-// The lines of the two sections, word for word; an empty one is a frame line without text.
-constexpr const char* ROUTING_LABELS[] = {
-    "session number.............................: ", "session number (zombie)....................: ",
-    "session audit executions number............: ", "",
-    "session allocation errors number...........: ", "session existing index errors number.......: ",
-    "session unknown index errors number........: ", "session sequence break errors number.......: ",
-    "session lost packets number................: ",
-};
-constexpr const char* READER_LABELS[] = {
-    "packet queue elements number...............: ",
-    "packet queue passed elements number........: ",
-    "packet queue dropped elements number.......: ",
-    "packet queue idle hits number..............: ",
-    "",
-    "packet dropped  by min length..............: ",
-    "packet dropped  by max length..............: ",
-    "packet dropped  by failed allocation.......: ",
-    "packet rejected by bad marker..............: ",
-    "packet rejected by version.................: ",
-    "packet rejected by corrupted size..........: ",
-    "packet rejected by unknown type............: ",
-    "",
-    "packet 'start' type number.................: ",
-    "packet 'term'  type number.................: ",
-    "packet 'data'  type number.................: ",
-};
-constexpr std::size_t LABEL_CHARS = 45;
-constexpr std::size_t WIDTH = 76;
 
 // "session number....: " -> "session number"
 std::string key_of(std::string_view label) {
@@ -47,48 +20,23 @@ std::string key_of(std::string_view label) {
     return std::string(label.substr(0, label.find_last_not_of('.') + 1));
 }
 
-std::string line_of(const std::string& text) {
-    std::string line = "* " + text;
-    line.resize(WIDTH - 1, ' ');
-    return line + "*\n";
-}
-
-std::string header_of(const std::string& title) {
-    const std::size_t stars = WIDTH - 2 - title.size();
-    return std::string(stars / 2, '*') + " " + title + " " + std::string((stars + 1) / 2, '*') + "\n";
-}
-
-template <std::size_t N>
-std::string section_of(const char* const (&labels)[N], const Counters& counters) {
-    std::string text;
-    for (const char* const row : labels) {
-        const std::string label = row;
-        text += line_of(label.empty() ? "" : label + std::to_string(counters.at(key_of(label))));
-    }
-    return text;
-}
-
 } // namespace
 
 Counters zero_counters() {
     Counters counters;
-    for (const std::string_view label : ROUTING_LABELS) {
-        if (!label.empty()) {
-            counters[key_of(label)] = 0;
-        }
-    }
-    for (const std::string_view label : READER_LABELS) {
-        if (!label.empty()) {
-            counters[key_of(label)] = 0;
-        }
+    for (const std::string& label : report_labels()) {
+        counters[key_of(label)] = 0;
     }
     return counters;
 }
 
 std::string expected_report_text(unsigned int port, const Counters& counters) {
-    return "SYSTEM  | \n" + header_of("corvalinrouter:" + std::to_string(port) + " statistic") + line_of("") +
-           section_of(ROUTING_LABELS, counters) + line_of("") + header_of("packets statistic") + line_of("") +
-           section_of(READER_LABELS, counters) + line_of("") + std::string(WIDTH, '*') + "\n";
+    Numbers numbers{};
+    std::size_t next = 0;
+    for (const std::string& label : report_labels()) {
+        numbers.at(next++) = counters.at(key_of(label));
+    }
+    return "SYSTEM  | " + report_text(port, numbers, "\n") + "\n";
 }
 
 std::optional<Counters> parse_report(unsigned int port, const std::string& text) {
@@ -99,12 +47,12 @@ std::optional<Counters> parse_report(unsigned int port, const std::string& text)
         end = end == std::string::npos ? text.size() : end;
         const std::string line = text.substr(begin, end - begin);
         begin = end + 1;
-        if (line.size() < LABEL_CHARS + 3 || line.compare(LABEL_CHARS, 2, ": ") != 0) {
+        if (line.size() < REPORT_LABEL_CHARS + 3 || line.compare(REPORT_LABEL_CHARS, 2, ": ") != 0) {
             continue;
         }
-        const auto counter = counters.find(key_of(std::string_view(line).substr(2, LABEL_CHARS)));
+        const auto counter = counters.find(key_of(std::string_view(line).substr(2, REPORT_LABEL_CHARS)));
         if (counter != counters.end()) {
-            std::from_chars(line.data() + 2 + LABEL_CHARS, line.data() + line.size(), counter->second);
+            std::from_chars(line.data() + 2 + REPORT_LABEL_CHARS, line.data() + line.size(), counter->second);
         }
     }
     if (text != expected_report_text(port, counters)) {

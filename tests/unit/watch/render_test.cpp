@@ -1,7 +1,7 @@
 #include "tools/watch/render.h"
 
 #include "corvalin_lib/json.h"
-#include "tests/unit/watch/report_text.h"
+#include "tests/support/statistic_report_text.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,6 +14,8 @@
 namespace corvalin::watch::test {
 namespace {
 
+using corvalin::test::counted_up;
+using corvalin::test::COUNTERS_OF_A_REPORT;
 using ::testing::HasSubstr;
 using ::testing::Not;
 

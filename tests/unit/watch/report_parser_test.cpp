@@ -1,6 +1,6 @@
 #include "tools/watch/report_parser.h"
 
-#include "tests/unit/watch/report_text.h"
+#include "tests/support/statistic_report_text.h"
 #include "tools/watch/line_splitter.h"
 
 #include <gtest/gtest.h>
@@ -14,6 +14,11 @@
 
 namespace corvalin::watch::test {
 namespace {
+
+using corvalin::test::counted_up;
+using corvalin::test::Numbers;
+using corvalin::test::report_rows;
+using corvalin::test::report_text;
 
 constexpr int64_t NOW_S = 1795262400; // 2026-11-21T12:00:00Z
 constexpr int64_t US = 1000000;

@@ -1,17 +1,20 @@
-#include "tests/unit/watch/report_text.h"
+#include "tests/support/statistic_report_text.h"
 
-namespace corvalin::watch::test {
+namespace corvalin::test {
 
 namespace {
 
-constexpr const char* FIRST_LABELS[] = {
+constexpr std::size_t WIDTH = 76;
+
+// The rows of the two sections; an empty one is a row of the frame without text.
+constexpr const char* ROUTING_LABELS[] = {
     "session number.............................: ", "session number (zombie)....................: ",
     "session audit executions number............: ", "",
     "session allocation errors number...........: ", "session existing index errors number.......: ",
     "session unknown index errors number........: ", "session sequence break errors number.......: ",
     "session lost packets number................: ",
 };
-constexpr const char* SECOND_LABELS[] = {
+constexpr const char* READER_LABELS[] = {
     "packet queue elements number...............: ",
     "packet queue passed elements number........: ",
     "packet queue dropped elements number.......: ",
@@ -32,13 +35,30 @@ constexpr const char* SECOND_LABELS[] = {
 
 std::string framed(const std::string& text) {
     std::string row = "* " + text;
-    row.resize(75, ' ');
+    row.resize(WIDTH - 1, ' ');
     return row + "*";
 }
 
 std::string centred(const std::string& title) {
-    const std::size_t stars = 74 - title.size();
+    const std::size_t stars = WIDTH - 2 - title.size();
     return std::string(stars / 2, '*') + " " + title + " " + std::string((stars + 1) / 2, '*');
+}
+
+template <std::size_t N>
+void append_labels(std::vector<std::string>& labels, const char* const (&section)[N]) {
+    for (const std::string label : section) {
+        if (!label.empty()) {
+            labels.push_back(label);
+        }
+    }
+}
+
+template <std::size_t N>
+void append_section(std::vector<std::string>& rows, const char* const (&section)[N], const Numbers& numbers,
+                    std::size_t& next) {
+    for (const std::string label : section) {
+        rows.push_back(framed(label.empty() ? "" : label + std::to_string(numbers.at(next++))));
+    }
 }
 
 } // namespace
@@ -51,30 +71,33 @@ Numbers counted_up(uint64_t first) {
     return numbers;
 }
 
+std::vector<std::string> report_labels() {
+    std::vector<std::string> labels;
+    append_labels(labels, ROUTING_LABELS);
+    append_labels(labels, READER_LABELS);
+    return labels;
+}
+
+std::string report_title(uint64_t port) {
+    return "corvalinrouter:" + std::to_string(port) + " statistic";
+}
+
 std::vector<std::string> report_rows(const std::string& title, const Numbers& numbers) {
     std::size_t next = 0;
-    const auto row_of = [&](const std::string& label) {
-        return framed(label.empty() ? "" : label + std::to_string(numbers.at(next++)));
-    };
     std::vector<std::string> rows = {centred(title), framed("")};
-    for (const char* const label : FIRST_LABELS) {
-        rows.push_back(row_of(label));
-    }
+    append_section(rows, ROUTING_LABELS, numbers, next);
     rows.insert(rows.end(), {framed(""), centred("packets statistic"), framed("")});
-    for (const char* const label : SECOND_LABELS) {
-        rows.push_back(row_of(label));
-    }
-    rows.insert(rows.end(), {framed(""), std::string(76, '*')});
+    append_section(rows, READER_LABELS, numbers, next);
+    rows.insert(rows.end(), {framed(""), std::string(WIDTH, '*')});
     return rows;
 }
 
 std::string report_text(uint64_t port, const Numbers& numbers, const std::string& separator) {
     std::string text;
-    for (const std::string& row :
-         report_rows("corvalinrouter:" + std::to_string(port) + " statistic", numbers)) {
+    for (const std::string& row : report_rows(report_title(port), numbers)) {
         text += separator + row;
     }
     return text;
 }
 
-} // namespace corvalin::watch::test
+} // namespace corvalin::test
