@@ -8,6 +8,31 @@
 
 namespace corvalin::test {
 
+namespace {
+
+struct Run {
+    int status; // of the last step
+    Bytes output;
+};
+
+// The streaming interface of zlib: the router uses the other one, which needs the size of the result beforehand.
+template <class Step>
+Run run_to_the_end(z_stream& stream, Bytes input, const Step& step) { // a copy: zlib takes no constant bytes
+    stream.next_in = input.data();
+    stream.avail_in = static_cast<uInt>(input.size());
+    Run run{Z_OK, {}};
+    std::array<uint8_t, 4096> part;
+    while (run.status == Z_OK) {
+        stream.next_out = part.data();
+        stream.avail_out = part.size();
+        run.status = step();
+        run.output.insert(run.output.end(), part.begin(), part.end() - stream.avail_out);
+    }
+    return run;
+}
+
+} // namespace
+
 Bytes event_frame(uint8_t kind, const std::string& body) {
     Bytes frame(1 + body.size());
     frame[0] = kind;
@@ -15,29 +40,17 @@ Bytes event_frame(uint8_t kind, const std::string& body) {
     return frame;
 }
 
-// The streaming interface of zlib: the router uses the other one, which needs the size of the result beforehand.
 Bytes zlib_stream(const Bytes& content, int level) {
     z_stream stream{};
     if (deflateInit(&stream, level) != Z_OK) {
         throw std::runtime_error("deflateInit failed");
     }
-    Bytes input = content; // zlib takes no constant bytes
-    stream.next_in = input.data();
-    stream.avail_in = static_cast<uInt>(input.size());
-    Bytes result;
-    std::array<uint8_t, 4096> part;
-    int status = Z_OK;
-    while (status == Z_OK) {
-        stream.next_out = part.data();
-        stream.avail_out = part.size();
-        status = deflate(&stream, Z_FINISH);
-        result.insert(result.end(), part.begin(), part.end() - stream.avail_out);
-    }
+    const Run run = run_to_the_end(stream, content, [&stream] { return deflate(&stream, Z_FINISH); });
     deflateEnd(&stream);
-    if (status != Z_STREAM_END) {
-        throw std::runtime_error("deflate failed with " + std::to_string(status));
+    if (run.status != Z_STREAM_END) {
+        throw std::runtime_error("deflate failed with " + std::to_string(run.status));
     }
-    return result;
+    return run.output;
 }
 
 Bytes zlib_content(const Bytes& payload) {
@@ -45,25 +58,14 @@ Bytes zlib_content(const Bytes& payload) {
     if (inflateInit(&stream) != Z_OK) {
         throw std::runtime_error("inflateInit failed");
     }
-    Bytes input = payload;
-    stream.next_in = input.data();
-    stream.avail_in = static_cast<uInt>(input.size());
-    Bytes result;
-    std::array<uint8_t, 4096> part;
-    int status = Z_OK;
-    while (status == Z_OK) {
-        stream.next_out = part.data();
-        stream.avail_out = part.size();
-        status = inflate(&stream, Z_NO_FLUSH);
-        result.insert(result.end(), part.begin(), part.end() - stream.avail_out);
-    }
+    const Run run = run_to_the_end(stream, payload, [&stream] { return inflate(&stream, Z_NO_FLUSH); });
     const uInt left = stream.avail_in;
     inflateEnd(&stream);
-    if (status != Z_STREAM_END || left != 0) {
-        throw std::runtime_error("not one zlib stream: status " + std::to_string(status) + ", " +
+    if (run.status != Z_STREAM_END || left != 0) {
+        throw std::runtime_error("not one zlib stream: status " + std::to_string(run.status) + ", " +
                                  std::to_string(left) + " bytes left");
     }
-    return result;
+    return run.output;
 }
 
 Bytes json_payload(const std::string& json, int level) {
