@@ -290,6 +290,13 @@ void add_first_version(CLI::App& command, Options& options) {
         ->check(CLI::Range(uint64_t{1}, std::numeric_limits<uint64_t>::max()));
 }
 
+/// What each verb takes that gives routers a new version of a list.
+void add_versions_and_kafka(CLI::App& command, Options& options) {
+    add_state(command, options);
+    add_first_version(command, options);
+    add_kafka_options(command, options);
+}
+
 void add_kind(CLI::App& command, Options& options) {
     command.add_option("KIND", options.kind, "media or writer")
         ->required()
@@ -322,9 +329,7 @@ Verb add_run(CLI::App& app, Options& options) {
         ->check(CLI::Range(1, 60'000));
     command.add_flag("--allow-empty", options.allow_empty,
                      "Publish an empty list without asking, also when a file changes to one");
-    add_state(command, options);
-    add_first_version(command, options);
-    add_kafka_options(command, options);
+    add_versions_and_kafka(command, options);
     command.footer(
         "All files are checked before anything is sent. A file that changes to a list that must not reach a\n"
         "router is told and left alone: routers keep what they have. Ends by SIGTERM and SIGINT.");
@@ -342,9 +347,7 @@ Verb add_publish(CLI::App& app, Options& options) {
     add_kind(command, options);
     add_list(command, options);
     add_allow_empty(command, options);
-    add_state(command, options);
-    add_first_version(command, options);
-    add_kafka_options(command, options);
+    add_versions_and_kafka(command, options);
     command.footer("May be used beside a running manager, which answers with the new list from then on.");
     return {&command, &publish};
 }
@@ -356,9 +359,7 @@ Verb add_rollback(CLI::App& app, Options& options) {
         .add_option("--to", options.to_version, "Version of the list; without it the one before the latest")
         ->check(CLI::Range(uint64_t{1}, std::numeric_limits<uint64_t>::max()));
     add_allow_empty(command, options);
-    add_state(command, options);
-    add_first_version(command, options);
-    add_kafka_options(command, options);
+    add_versions_and_kafka(command, options);
     command.footer("May be used beside a running manager. Two rollbacks go back by two lists. A file that "
                    "still holds the\n"
                    "list that was taken back is not published again until it changes.");
