@@ -2,7 +2,7 @@
 // that it is not to be had.
 #include "tests/support/kafka/event_frame.h"
 #include "tests/support/kafka/kafka_fixture.h"
-#include "tests/support/system/temp_folder.h"
+#include "tests/support/temporary_folder.h"
 #include "tests/support/tool_process.h"
 
 #include <gmock/gmock.h>
@@ -153,20 +153,20 @@ protected:
 
     // A Maven that does what the test says.
     std::string fake_maven(const std::string& commands) const {
-        const fs::path path = m_folder.path() / "maven";
-        write_file(path, "#!/bin/sh\necho run >> '" + runs().string() + "'\n" + commands + "\n");
+        const std::string path =
+            m_folder.write_file("maven", "#!/bin/sh\necho run >> '" + runs() + "'\n" + commands + "\n");
         fs::permissions(path, fs::perms(0755));
-        return path.string();
+        return path;
     }
 
     std::vector<std::string> with_maven(const std::string& commands) const {
-        return script({"--prepare", "--java", "true", "--work-dir", (m_folder.path() / "broker").string(),
-                       "--maven", fake_maven(commands)});
+        return script({"--prepare", "--java", "true", "--work-dir", m_folder.path() + "/broker", "--maven",
+                       fake_maven(commands)});
     }
 
-    fs::path runs() const { return m_folder.path() / "runs"; }
+    std::string runs() const { return m_folder.path() + "/runs"; }
 
-    TempFolder m_folder;
+    TemporaryFolder m_folder;
 };
 
 TEST_F(KafkaBrokerScriptTest, tells_what_is_missing_by_a_status_of_its_own) {
@@ -181,7 +181,7 @@ TEST_F(KafkaBrokerScriptTest, tells_what_is_missing_by_a_status_of_its_own) {
          77,
          "kafka_broker: no broker to be had: Java is not installed: there is no command \"no-such-java\"\n"},
         {"no Maven",
-         {"--java", "true", "--maven", "no-such-maven", "--work-dir", m_folder.path().string()},
+         {"--java", "true", "--maven", "no-such-maven", "--work-dir", m_folder.path()},
          77,
          "kafka_broker: no broker to be had: Maven is not installed: there is no command "
          "\"no-such-maven\"\n"},
@@ -235,14 +235,14 @@ TEST_F(KafkaBrokerScriptTest, keeps_the_class_path) {
     for (int i = 0; i < 2; ++i) {
         ToolProcess process(words);
         EXPECT_EQ(process.wait(), 0) << process.err();
-        EXPECT_THAT(process.out(), MatchesRegex("jars " + m_folder.path().string() + "/broker/.*/jars\n"));
+        EXPECT_THAT(process.out(), MatchesRegex("jars " + m_folder.path() + "/broker/.*/jars\n"));
     }
     EXPECT_EQ(read_file(runs()), "run\n");
 }
 
 TEST_F(KafkaBrokerScriptTest, shares_a_refusal_with_whoever_waits_for_the_same_class_path) {
     // The first one blocks in Maven until it is told the way on; the second one waits for the first one's lock.
-    const std::string gate = (m_folder.path() / "gate").string();
+    const std::string gate = m_folder.path() + "/gate";
     ASSERT_EQ(mkfifo(gate.c_str(), 0600), 0);
     const auto words =
         with_maven("read word < '" + gate + "'; echo \"[ERROR] $word in offline mode\"; exit 1");

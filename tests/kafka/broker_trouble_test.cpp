@@ -1,6 +1,5 @@
 // A broker that is away: at the start, while media flows, and at the stop. Topics and members that stand in the way.
 #include "tests/support/kafka/conversation.h"
-#include "tests/support/system/temp_folder.h"
 #include "tests/support/tool_process.h"
 
 #include <gmock/gmock.h>

@@ -1,11 +1,19 @@
-// temporary_folder: a folder of a test's own, which is gone with everything in it when the test is over.
+// temporary_folder: a folder of a test's own, which is gone with everything in it when the test is over; and whole files
+// as texts.
 //
-// Errors     throws std::system_error if the folder cannot be made, and std::runtime_error if a file cannot be written.
+// Errors     throws std::system_error if the folder cannot be made, and std::runtime_error if a file cannot be opened or
+//            written.
 #pragma once
 
+#include <filesystem>
 #include <string>
 
 namespace corvalin::test {
+
+/// The whole content, as it is.
+std::string read_file(const std::filesystem::path& path);
+/// Writes `content` byte for byte. Makes the folders above the file too.
+void write_file(const std::filesystem::path& path, const std::string& content);
 
 class TemporaryFolder {
 public:

@@ -11,16 +11,15 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <numeric>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "corvalin_lib/json.h"
 #include "corvalin_lib/media_packet.h"
 #include "tests/support/packet_builder.h"
+#include "tests/support/temporary_folder.h"
 #include "tests/support/tool_process.h"
 #include "tools/tool_support/garbage.h"
 #include "tools/tool_support/media_stream.h"
@@ -34,31 +33,6 @@ namespace fs = std::filesystem;
 using testing::HasSubstr;
 
 constexpr uid_t NOBODY = 65534;
-
-class TempDir {
-public:
-    TempDir() {
-        std::string name = (fs::temp_directory_path() / "corvalin_tools_XXXXXX").string();
-        m_path = mkdtemp(name.data());
-        fs::permissions(m_path, fs::perms(0755)); // another user must get through
-    }
-    ~TempDir() { fs::remove_all(m_path); }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const fs::path& path() const { return m_path; }
-
-private:
-    fs::path m_path;
-};
-
-void write_file(const fs::path& path, const std::string& text) {
-    std::ofstream(path) << text;
-}
-
-std::string read_file(const fs::path& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 std::set<std::string> names_in(const fs::path& dir) {
     std::set<std::string> names;
@@ -81,12 +55,12 @@ struct MachineView {
 class PrivateRunTest : public testing::Test {
 protected:
     PrivateRunTest() {
-        fs::create_directory(m_temp.path() / "etc");
-        fs::create_directory(m_temp.path() / "log");
-        fs::permissions(m_temp.path() / "log", fs::perms(0777));
-        write_file(m_temp.path() / "etc/file.conf", "private\n");
+        fs::permissions(m_temp.path(), fs::perms(0755)); // another user must get through
+        fs::create_directory(m_temp.path() + "/log");
+        fs::permissions(m_temp.path() + "/log", fs::perms(0777));
+        m_temp.write_file("etc/file.conf", "private\n");
         // A copy, as another user may have no way to the build folder.
-        fs::copy_file(CORVALIN_PRIVATE_RUN_PATH, m_temp.path() / "private_run");
+        fs::copy_file(CORVALIN_PRIVATE_RUN_PATH, m_temp.path() + "/private_run");
     }
 
     static std::vector<std::string> as_nobody() {
@@ -95,7 +69,7 @@ protected:
 
     std::vector<std::string> with_private_paths(std::vector<std::string> words,
                                                 const std::string& script) const {
-        const std::string temp = m_temp.path().string();
+        const std::string& temp = m_temp.path();
         words.insert(words.end(), {temp + "/private_run", "--etc", temp + "/etc", "--log", temp + "/log",
                                    "--dev-log", temp + "/syslog", "--", "sh", "-c", script});
         return words;
@@ -108,8 +82,8 @@ protected:
         ToolProcess process(with_private_paths(prefix, script));
         EXPECT_EQ(process.wait(), 0) << process.err();
         EXPECT_EQ(process.out(), std::to_string(uid) + "\nprivate\n/etc/tolvaine\ntolvaine\n" +
-                                     m_temp.path().string() + "/syslog\nroot\n");
-        EXPECT_EQ(read_file(m_temp.path() / "log/new"), "written\n");
+                                     m_temp.path() + "/syslog\nroot\n");
+        EXPECT_EQ(read_file(m_temp.path() + "/log/new"), "written\n");
     }
 
     // The command waits for a signal, so that the machine is looked at while the private view exists.
@@ -124,7 +98,7 @@ protected:
         EXPECT_TRUE(before == MachineView());
     }
 
-    TempDir m_temp;
+    TemporaryFolder m_temp;
 };
 
 TEST_F(PrivateRunTest, shows_the_private_paths_beside_the_entries_of_the_machine) {
@@ -166,7 +140,7 @@ TEST_F(PrivateRunTest, takes_directories_that_lie_below_a_covered_path) {
     const fs::path dir = "/dev/shm/corvalin_tools_dir_" + std::to_string(getpid());
     fs::create_directory(dir);
     write_file(dir / "file.conf", "covered\n");
-    ToolProcess process({CORVALIN_PRIVATE_RUN_PATH, "--dev-log", (m_temp.path() / "syslog").string(), "--etc",
+    ToolProcess process({CORVALIN_PRIVATE_RUN_PATH, "--dev-log", m_temp.path() + "/syslog", "--etc",
                          dir.string(), "--", "cat", "/etc/tolvaine/file.conf"});
     EXPECT_EQ(process.wait(), 0) << process.err();
     EXPECT_EQ(process.out(), "covered\n");
@@ -246,7 +220,7 @@ TEST_F(PrivateRunTest, gives_the_command_a_network_with_nothing_but_loopback) {
 
 TEST_F(PrivateRunTest, can_be_entered_by_a_forked_child) {
     tools::PrivatePaths paths;
-    paths.etc_dir = (m_temp.path() / "etc").string();
+    paths.etc_dir = m_temp.path() + "/etc";
     paths.own_network = true;
     const pid_t child = fork();
     ASSERT_GE(child, 0);
@@ -601,8 +575,8 @@ TEST(MediaToolsTest, a_seed_that_a_sender_printed_repeats_its_run) {
 }
 
 TEST(MediaToolsTest, summaries_go_to_a_file_as_text_or_json) {
-    const TempDir temp;
-    const std::string file = (temp.path() / "summary").string();
+    const TemporaryFolder temp;
+    const std::string file = temp.path() + "/summary";
     ToolProcess text({CORVALIN_MEDIA_NODE_PATH, "--duration", "0.01", "--output", file});
     EXPECT_EQ(text.wait(), 0) << text.err();
     EXPECT_THAT(text.out(), testing::MatchesRegex("ports [0-9]+\n"));

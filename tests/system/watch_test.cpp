@@ -318,7 +318,7 @@ TEST_F(WatchTest, a_restart_of_the_router_is_seen_and_its_counters_go_on) {
 
 class WatchToolTest : public ::testing::Test {
 protected:
-    std::string path(const std::string& name) const { return (m_folder.path() / name).string(); }
+    std::string path(const std::string& name) const { return m_folder.path() + "/" + name; }
 
     /// The whole answer to a request on 127.0.0.1.
     static std::string http(uint16_t port, const std::string& request) {
@@ -377,7 +377,7 @@ protected:
         return sent;
     }
 
-    TempFolder m_folder;
+    TemporaryFolder m_folder;
 };
 
 TEST_F(WatchToolTest, a_syslog_socket_is_read_and_its_counters_are_answered_over_http) {

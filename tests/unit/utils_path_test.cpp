@@ -18,11 +18,13 @@
 #include <vector>
 
 #include "tests/support/refused_system_call.h"
+#include "tests/support/temporary_folder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 namespace path = corvalin::utils::path;
+using corvalin::test::TemporaryFolder;
 using corvalin::test::with_refused_system_call;
 using path::create_policy;
 using ::testing::ElementsAre;
@@ -40,9 +42,6 @@ constexpr unsigned int MODE = 0755;
 class UtilsPathTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        std::string name = ::testing::TempDir() + "/utils_path_XXXXXX";
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        m_folder = fs::canonical(name).string();
         m_old_directory_fd = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         ASSERT_GE(m_old_directory_fd, 0);
         if (const char* const old_pwd = std::getenv("PWD"); old_pwd != nullptr) {
@@ -60,7 +59,6 @@ protected:
         }
         ASSERT_EQ(fchdir(m_old_directory_fd), 0);
         close(m_old_directory_fd);
-        fs::remove_all(m_folder);
     }
 
     std::string in_folder(const std::string& name) const { return m_folder + "/" + name; }
@@ -81,7 +79,9 @@ protected:
         return names;
     }
 
-    std::string m_folder; // absolute, without symbolic links
+    const TemporaryFolder m_temporary;
+    const std::string m_folder =
+        fs::canonical(m_temporary.path()).string(); // absolute, without symbolic links
 
 private:
     int m_old_directory_fd = -1;

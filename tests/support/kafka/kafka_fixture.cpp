@@ -1,6 +1,6 @@
 #include "tests/support/kafka/kafka_fixture.h"
 
-#include "tests/support/system/temp_folder.h"
+#include "tests/support/temporary_folder.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>

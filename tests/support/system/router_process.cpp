@@ -437,8 +437,8 @@ bool in_own_network() {
     const ::testing::TestInfo& test = *::testing::UnitTest::GetInstance()->current_test_info();
     const std::string executable = fs::read_symlink("/proc/self/exe").string();
     const std::string filter = std::string("--gtest_filter=") + test.test_suite_name() + "." + test.name();
-    const TempFolder folder;
-    const std::string marker = (folder.path() / "entered").string();
+    const TemporaryFolder folder;
+    const std::string marker = folder.path() + "/entered";
     const std::vector<std::string> words = {CORVALIN_PRIVATE_RUN_PATH,
                                             "--net",
                                             "--",

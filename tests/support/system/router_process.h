@@ -13,8 +13,8 @@
 
 #include "tests/support/system/stream_capture.h"
 #include "tests/support/system/syslog_socket.h"
-#include "tests/support/system/temp_folder.h"
 #include "tests/support/system/wait.h"
+#include "tests/support/temporary_folder.h"
 #include "tests/support/tool_process.h"
 
 #include <sys/types.h>
@@ -38,7 +38,7 @@ public:
     /// Makes no router.conf. The first router that starts makes kafka.conf, without which it would not start.
     RouterPlace();
 
-    const std::filesystem::path& folder() const { return m_folder.path(); }
+    std::filesystem::path folder() const { return m_folder.path(); }
     /// What the router sees as /etc/tolvaine/corvalin/router.conf and kafka.conf.
     std::filesystem::path router_conf() const { return folder() / "etc" / "corvalin" / "router.conf"; }
     std::filesystem::path kafka_conf() const { return folder() / "etc" / "corvalin" / "kafka.conf"; }
@@ -51,7 +51,7 @@ public:
     const SyslogSocket& syslog() const { return m_syslog; }
 
 private:
-    TempFolder m_folder;
+    TemporaryFolder m_folder;
     SyslogSocket m_syslog;
     std::string m_kafka_conf_text; // as it was written last by this object
 };
