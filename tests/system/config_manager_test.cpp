@@ -19,6 +19,7 @@
 
 #include "tests/support/temporary_folder.h"
 #include "tests/support/tool_process.h"
+#include "tests/support/zlib_text.h"
 
 namespace corvalin::test {
 namespace {
@@ -77,15 +78,11 @@ Handle make_handle(rd_kafka_type_t type, const std::string& broker) {
 }
 
 void send_request(const std::string& broker, const std::string& json) {
-    const std::string frame = std::string(1, '\0') + json;
-    uLongf size = compressBound(frame.size());
-    std::string payload(size, '\0');
-    compress(reinterpret_cast<Bytef*>(payload.data()), &size, reinterpret_cast<const Bytef*>(frame.data()),
-             frame.size());
+    std::string payload = deflated(std::string(1, '\0') + json);
     const Handle producer = make_handle(RD_KAFKA_PRODUCER, broker);
     rd_kafka_topic_t* const topic = rd_kafka_topic_new(producer.get(), "requests", nullptr);
     const int status = rd_kafka_produce(topic, RD_KAFKA_PARTITION_UA, RD_KAFKA_MSG_F_COPY, payload.data(),
-                                        size, nullptr, 0, nullptr);
+                                        payload.size(), nullptr, 0, nullptr);
     rd_kafka_topic_destroy(topic);
     ASSERT_EQ(status, 0);
     ASSERT_EQ(rd_kafka_flush(producer.get(), LIMIT_MS), RD_KAFKA_RESP_ERR_NO_ERROR);

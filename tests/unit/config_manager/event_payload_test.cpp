@@ -11,9 +11,12 @@
 #include <string>
 
 #include "corvalin_lib/messaging_message_broker.h"
+#include "tests/support/zlib_text.h"
 
 namespace corvalin::tools {
 namespace {
+
+using test::deflated;
 
 NodeList nodes_of_one_network(int count) {
     NodeList nodes;
@@ -21,16 +24,6 @@ NodeList nodes_of_one_network(int count) {
         nodes.push_back({"192.168.100." + std::to_string(host), 5000});
     }
     return nodes;
-}
-
-// As zlib alone has it, at its default level unless told otherwise.
-std::string zlib_stream(const std::string& text, int level = Z_DEFAULT_COMPRESSION) {
-    uLongf size = compressBound(text.size());
-    std::string stream(size, '\0');
-    compress2(reinterpret_cast<Bytef*>(stream.data()), &size, reinterpret_cast<const Bytef*>(text.data()),
-              text.size(), level);
-    stream.resize(size);
-    return stream;
 }
 
 // What a router makes of a payload; empty if it refuses it.
@@ -52,16 +45,16 @@ std::string random_text(std::size_t size) {
 
 TEST(EventPayloadTest, deflates_a_frame_of_a_kind_byte_and_the_text) {
     const std::string json = started_event();
-    EXPECT_EQ(make_payload(json), zlib_stream(std::string(1, '\0') + json));
+    EXPECT_EQ(make_payload(json), deflated(std::string(1, '\0') + json));
     EXPECT_EQ(inflated_by_router(make_payload(json)), std::string(1, '\0') + json);
 }
 
 TEST(EventPayloadTest, stores_a_list_of_98_nodes_in_one_network_that_deflated_would_be_refused_by_routers) {
     const std::string frame =
         std::string(1, '\0') + node_list_event("corvalin_media_nodes", 1, nodes_of_one_network(98));
-    ASSERT_GT(frame.size(), zlib_stream(frame).size() * 10) << "what the guard is for";
+    ASSERT_GT(frame.size(), deflated(frame).size() * 10) << "what the guard is for";
     const std::string payload = make_payload(frame.substr(1));
-    EXPECT_EQ(payload, zlib_stream(frame, Z_NO_COMPRESSION));
+    EXPECT_EQ(payload, deflated(frame, Z_NO_COMPRESSION));
     EXPECT_EQ(inflated_by_router(payload), frame);
 }
 
@@ -80,7 +73,7 @@ TEST(EventPayloadTest, makes_lists_of_every_length_that_routers_inflate) {
 
 TEST(EventPayloadTest, refuses_an_event_that_no_broker_takes) {
     // What cannot be deflated is stored by zlib, in blocks with a few bytes of their own, and the frame has one byte more.
-    const std::size_t around = zlib_stream(random_text(999'964)).size() - 999'964 + 1;
+    const std::size_t around = deflated(random_text(999'964)).size() - 999'964 + 1;
     std::size_t size = 999'964 - around - 10;
     while (make_payload(random_text(size)).size() < 999'964) {
         ++size;
@@ -99,13 +92,13 @@ TEST(EventPayloadTest, opens_payloads_of_any_ratio_and_tells_which_ones_routers_
     } cases[] = {
         {"event", make_payload("{}"), 0, 2, true},
         {"another kind",
-         zlib_stream("\x07"
-                     "abc"),
+         deflated("\x07"
+                  "abc"),
          7, 3, true},
-        {"a hundred equal letters, stored", zlib_stream(std::string(100, 'a'), 0), 'a', 99, true},
-        {"a thousand equal letters", zlib_stream(std::string(1000, 'a')), 'a', 999, false},
-        {"a million equal letters", zlib_stream(std::string(1'000'000, 'a')), 'a', 999'999, false},
-        {"nothing", zlib_stream(""), -1, 0, true},
+        {"a hundred equal letters, stored", deflated(std::string(100, 'a'), 0), 'a', 99, true},
+        {"a thousand equal letters", deflated(std::string(1000, 'a')), 'a', 999, false},
+        {"a million equal letters", deflated(std::string(1'000'000, 'a')), 'a', 999'999, false},
+        {"nothing", deflated(""), -1, 0, true},
     };
     for (const auto& row : cases) {
         const auto opened = open_payload(row.payload);
@@ -119,13 +112,13 @@ TEST(EventPayloadTest, opens_payloads_of_any_ratio_and_tells_which_ones_routers_
 TEST(EventPayloadTest, tells_a_payload_of_ten_times_its_size_from_one_beyond) {
     // Equal letters, until the stream is exactly a tenth; one letter more does not make it longer.
     std::size_t size = 1;
-    while (zlib_stream(std::string(size, 'a')).size() * 10 > size) {
+    while (deflated(std::string(size, 'a')).size() * 10 > size) {
         ++size;
     }
-    const std::string exact = zlib_stream(std::string(size, 'a'));
+    const std::string exact = deflated(std::string(size, 'a'));
     ASSERT_EQ(exact.size() * 10, size);
     EXPECT_TRUE(open_payload(exact)->is_accepted_by_routers);
-    const std::string beyond = zlib_stream(std::string(size + 1, 'a'));
+    const std::string beyond = deflated(std::string(size + 1, 'a'));
     ASSERT_EQ(beyond.size(), exact.size());
     EXPECT_FALSE(open_payload(beyond)->is_accepted_by_routers);
 }
@@ -135,7 +128,7 @@ TEST(EventPayloadTest, opens_nothing_that_is_no_zlib_stream) {
     EXPECT_FALSE(open_payload(""));
     EXPECT_FALSE(open_payload(R"({"type":"get_versions"})"));
     EXPECT_FALSE(open_payload(event.substr(0, event.size() - 1)));
-    EXPECT_FALSE(open_payload(zlib_stream(std::string(70'000'000, 'a')))) << "beyond all measure";
+    EXPECT_FALSE(open_payload(deflated(std::string(70'000'000, 'a')))) << "beyond all measure";
 }
 
 TEST(EventPayloadTest, writes_events_as_routers_read_them) {

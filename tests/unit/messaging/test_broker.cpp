@@ -2,36 +2,11 @@
 
 #include <sys/wait.h>
 
-#include <zlib.h>
-
 #include <csignal>
-#include <stdexcept>
 
 #include "corvalin_lib/log.h"
 
 namespace corvalin::test {
-
-std::string deflated(const std::string& text, int level) {
-    uLongf size = compressBound(text.size());
-    std::string stream(size, '\0');
-    if (compress2(reinterpret_cast<Bytef*>(stream.data()), &size, reinterpret_cast<const Bytef*>(text.data()),
-                  text.size(), level) != Z_OK) {
-        throw std::runtime_error("cannot deflate");
-    }
-    stream.resize(size);
-    return stream;
-}
-
-std::string inflated(const std::string& stream) {
-    std::string text(100'000, '\0');
-    uLongf size = text.size();
-    if (uncompress(reinterpret_cast<Bytef*>(text.data()), &size,
-                   reinterpret_cast<const Bytef*>(stream.data()), stream.size()) != Z_OK) {
-        throw std::runtime_error("no zlib stream");
-    }
-    text.resize(size);
-    return text;
-}
 
 void log_to_standard_error() {
     log::Logger::m_instance.m_write = &log::Stdlog::write;

@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/zlib_text.h"
+
 namespace corvalin::test {
 
 /// Holds a broker and is none: the consumer thread that a broker's constructor starts calls it at once, and would meet a
@@ -58,11 +60,6 @@ public:
     std::promise<void>& m_consumer_ready = m_broker.*&Parts::m_consumer_ready;
     std::atomic<bool>& m_first_assignment = m_broker.*&Parts::m_first_assignment;
 };
-
-/// A zlib stream of `text`, written by zlib itself. Level -1 is its default, 0 stores.
-std::string deflated(const std::string& text, int level = -1);
-/// The text of a zlib stream of any length. Throws std::runtime_error if it is none.
-std::string inflated(const std::string& stream);
 
 /// Lines go to the standard error stream from here on, where a death test looks.
 void log_to_standard_error();
