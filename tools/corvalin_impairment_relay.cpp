@@ -16,6 +16,7 @@
 #include "corvalin_lib/net.h"
 #include "tools/tool_support/command_line.h"
 #include "tools/tool_support/impairment.h"
+#include "tools/tool_support/receiving_end.h"
 #include "tools/tool_support/relay_queue.h"
 #include "tools/tool_support/seeded_random.h"
 #include "tools/tool_support/steady_clock.h"
@@ -40,9 +41,7 @@ struct Options {
     uint64_t reorder_distance = 3;
     uint64_t reorder_limit_ms = 100;
     std::optional<uint64_t> seed;
-    uint64_t packets = 0;
-    uint64_t idle_exit_ms = 0;
-    double duration_s = 0;
+    ReceivingEnd end;
     SummaryTarget summary;
 };
 
@@ -104,24 +103,15 @@ public:
 
 private:
     bool is_over(uint64_t now_ns) const {
-        const auto duration_ns =
-            static_cast<uint64_t>(m_options.duration_s * static_cast<double>(NS_PER_SECOND));
         const uint64_t received = m_queue.counts().received + m_oversized;
-        const bool idle = m_options.idle_exit_ms != 0 && received != 0 &&
-                          now_ns - m_last_datagram_ns >= m_options.idle_exit_ms * NS_PER_MS;
-        const bool done = m_options.packets != 0 && received >= m_options.packets;
-        return stop_requested() || idle || done || (duration_ns != 0 && now_ns - m_start_ns >= duration_ns);
+        return m_options.end.is_reached({m_start_ns, received, m_last_datagram_ns}, now_ns);
     }
 
     // Until a datagram arrives or one in the queue is due, but not past the next look at the ends by time.
     void wait() {
-        uint64_t limit_ns = STOP_CHECK_INTERVAL_MS * NS_PER_MS;
-        if (m_options.idle_exit_ms != 0) {
-            limit_ns = std::min(limit_ns, m_options.idle_exit_ms * NS_PER_MS);
-        }
         const uint64_t now_ns = steady_ns();
         const uint64_t due_ns = std::max(m_queue.next_due_ns(), now_ns);
-        limit_ns = std::min(limit_ns, due_ns - now_ns);
+        const uint64_t limit_ns = std::min(m_options.end.longest_wait_ms() * NS_PER_MS, due_ns - now_ns);
         const timespec limit{0, static_cast<long>(limit_ns)}; // below a second
         pollfd polled{m_in.fd(), POLLIN, 0};
         if (ppoll(&polled, 1, &limit, nullptr) < 0 && errno != EINTR) {
@@ -199,15 +189,8 @@ void add_other_options(CLI::App& app, Options& options) {
         ->capture_default_str();
     app.add_option("--port", options.port, "Local port, or 0 for one of the kernel's choice")
         ->capture_default_str();
-    app.add_option("--packets", options.packets, "End after this many datagrams");
-    app.add_option("--idle-exit", options.idle_exit_ms,
-                   "End when nothing has arrived for this long after the first datagram")
-        ->type_name("MS");
-    app.add_option("--duration", options.duration_s, "End after this many seconds")
-        ->check(CLI::Range(0.0, 1e6));
-    app.add_flag("--json", options.summary.as_json, "Summary as JSON instead of text");
-    app.add_option("--output", options.summary.file, "File for the summary instead of standard output")
-        ->type_name("FILE");
+    add_receiving_end_options(app, options.end);
+    add_summary_options(app, options.summary);
 }
 
 } // namespace

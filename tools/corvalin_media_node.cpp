@@ -16,6 +16,7 @@
 #include "corvalin_lib/net.h"
 #include "tools/tool_support/command_line.h"
 #include "tools/tool_support/media_sink.h"
+#include "tools/tool_support/receiving_end.h"
 #include "tools/tool_support/steady_clock.h"
 #include "tools/tool_support/stop_signal.h"
 #include "tools/tool_support/summary.h"
@@ -39,9 +40,7 @@ struct Options {
     bool verify_content = false;
     bool no_check = false;
     bool discard = false;
-    uint64_t packets = 0;
-    uint64_t idle_exit_ms = 0;
-    double duration_s = 0;
+    ReceivingEnd end;
     uint64_t receive_buffer_bytes = 64U << 20U;
     std::optional<uint64_t> poll_interval_us; // default: 0, with `discard` DISCARD_POLL_INTERVAL_US
     uint64_t progress_ms = 0;
@@ -131,12 +130,7 @@ public:
 
 private:
     bool is_over(uint64_t now_ns) const {
-        const auto duration_ns =
-            static_cast<uint64_t>(m_options.duration_s * static_cast<double>(NS_PER_SECOND));
-        const bool idle = m_options.idle_exit_ms != 0 && m_datagrams != 0 &&
-                          now_ns - m_last_datagram_ns >= m_options.idle_exit_ms * NS_PER_MS;
-        const bool done = m_options.packets != 0 && m_datagrams >= m_options.packets;
-        return stop_requested() || idle || done || (duration_ns != 0 && now_ns - m_start_ns >= duration_ns);
+        return m_options.end.is_reached({m_start_ns, m_datagrams, m_last_datagram_ns}, now_ns);
     }
 
     // Waking for each datagram costs this process and whoever sends it; a pause lets them gather in the socket.
@@ -145,11 +139,8 @@ private:
             pause_until(now_ns + m_poll_interval_us * NS_PER_US);
             return;
         }
-        // Short enough for the ends by time, and for a signal that came before the call.
-        const uint64_t limit_ms = m_options.idle_exit_ms == 0
-                                      ? STOP_CHECK_INTERVAL_MS
-                                      : std::min<uint64_t>(STOP_CHECK_INTERVAL_MS, m_options.idle_exit_ms);
-        if (poll(m_polled.data(), m_polled.size(), static_cast<int>(limit_ms)) < 0 && errno != EINTR) {
+        const int limit_ms = static_cast<int>(m_options.end.longest_wait_ms());
+        if (poll(m_polled.data(), m_polled.size(), limit_ms) < 0 && errno != EINTR) {
             throw std::system_error(errno, std::generic_category(), "poll");
         }
     }
@@ -271,12 +262,7 @@ void add_options(CLI::App& app, Options& options) {
                  "Compare every byte but seq with what corvalin_media_sender makes");
     app.add_flag("--no-check", options.no_check, "Exit with 0 whatever was seen");
     app.add_flag("--discard", options.discard, "Only count datagrams and bytes, at the least cost");
-    app.add_option("--packets", options.packets, "End after this many datagrams");
-    app.add_option("--idle-exit", options.idle_exit_ms,
-                   "End when nothing has arrived for this long after the first datagram")
-        ->type_name("MS");
-    app.add_option("--duration", options.duration_s, "End after this many seconds")
-        ->check(CLI::Range(0.0, 1e6));
+    add_receiving_end_options(app, options.end);
     app.add_option("--receive-buffer-bytes", options.receive_buffer_bytes,
                    "Receive buffer to ask for, for each port")
         ->capture_default_str();
@@ -286,9 +272,7 @@ void add_options(CLI::App& app, Options& options) {
     app.add_option("--progress", options.progress_ms,
                    "Print a running count to standard error at this interval")
         ->type_name("MS");
-    app.add_flag("--json", options.summary.as_json, "Summary as JSON instead of text");
-    app.add_option("--output", options.summary.file, "File for the summary instead of standard output")
-        ->type_name("FILE");
+    add_summary_options(app, options.summary);
 }
 
 } // namespace

@@ -173,10 +173,7 @@ void add_fault_options(CLI::App& app, Options& options) {
 
 void add_report_options(CLI::App& app, Options& options) {
     const char* const group = "Report";
-    app.add_flag("--json", options.summary.as_json, "Summary as JSON instead of text")->group(group);
-    app.add_option("--output", options.summary.file, "File for the summary instead of standard output")
-        ->type_name("FILE")
-        ->group(group);
+    add_summary_options(app, options.summary, group);
     app.add_option("--progress", options.progress_ms,
                    "Print a running count to standard error at this interval")
         ->type_name("MS")

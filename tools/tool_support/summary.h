@@ -4,6 +4,8 @@
 // Errors     write_summary throws std::runtime_error if the file cannot be written.
 #pragma once
 
+#include <CLI/CLI.hpp>
+
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -50,6 +52,9 @@ struct SummaryTarget {
     bool as_json = false;
     std::string file; // empty: standard output
 };
+
+/// `group` is the heading of --help under which they stand.
+void add_summary_options(CLI::App& app, SummaryTarget& target, const std::string& group = "Options");
 
 void write_summary(const Summary& summary, const SummaryTarget& target);
 

@@ -1,0 +1,33 @@
+// receiving_end: when a tool that receives datagrams ends: the options --packets, --idle-exit and --duration, and the
+// stop signals.
+//
+// Threads    add_receiving_end_options: main thread. All else: any thread.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <cstdint>
+
+namespace corvalin::tools {
+
+/// What has happened so far. Times are of steady_ns.
+struct ReceivingProgress {
+    uint64_t start_ns;
+    uint64_t datagrams;
+    uint64_t last_datagram_ns; // not looked at before the first one
+};
+
+/// Zero is no limit.
+struct ReceivingEnd {
+    uint64_t packets = 0;
+    uint64_t idle_exit_ms = 0;
+    double duration_s = 0;
+
+    bool is_reached(const ReceivingProgress& progress, uint64_t now_ns) const;
+    /// How long a wait may last without missing an end by time, or a signal that came just before it.
+    uint64_t longest_wait_ms() const;
+};
+
+void add_receiving_end_options(CLI::App& app, ReceivingEnd& end);
+
+} // namespace corvalin::tools
