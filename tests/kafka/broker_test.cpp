@@ -37,7 +37,7 @@ TEST_P(KafkaBrokerTest, the_router_asks_for_both_lists_and_forwards_by_the_list_
     EXPECT_TRUE(router.process().wait_for_log("SYSTEM  | SERVICE: event [corvalin_writer_nodes] received"));
     UdpSender sender(router.port());
     uint64_t id = 0;
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(wait_until([&] {
         sender.send(start_packet().id(++id).seq(1).flags(0x80).bytes());
         return node.has_datagram();
     }));
@@ -247,9 +247,9 @@ TEST_F(KafkaBrokerScriptTest, shares_a_refusal_with_whoever_waits_for_the_same_c
     const auto words =
         with_maven("read word < '" + gate + "'; echo \"[ERROR] $word in offline mode\"; exit 1");
     ToolProcess first(words);
-    ASSERT_TRUE(eventually([&] { return fs::exists(runs()); }));
+    ASSERT_TRUE(wait_until([&] { return fs::exists(runs()); }));
     ToolProcess second(words);
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(wait_until([&] {
         const auto call = blocking_call(second.pid(), second.pid());
         return call && call->number == SYS_flock;
     }));

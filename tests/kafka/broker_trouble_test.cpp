@@ -41,10 +41,10 @@ protected:
     /// Sends the list again and again until it arrives: what is sent before the router is back is not read.
     bool list_arrives(KafkaRouter& router, const std::string& name, const UdpNode& node) {
         uint64_t version = 100;
-        return eventually(
+        return wait_until(
             [&] {
                 peer().send_json(router.topic(), node_list_event(name, ++version, {&node}));
-                return eventually([&] { return has_line_with(router.process(), received_line(name)); },
+                return wait_until([&] { return has_line_with(router.process(), received_line(name)); },
                                   seconds(2));
             },
             RECONNECT_LIMIT);
@@ -92,7 +92,7 @@ TEST_P(BrokerTroubleTest, a_router_without_a_broker_starts_late_and_takes_lists_
     EXPECT_EQ(peer().receive_json(RECONNECT_LIMIT), router.list_request(WRITER_NODES));
     EXPECT_TRUE(list_arrives(router, WRITER_NODES, m_other));
     uint64_t id = 1;
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(wait_until([&] {
         sender.send(start_packet().id(++id).seq(1).flags(BOTH).bytes());
         return m_other.has_datagram();
     }));
@@ -137,12 +137,12 @@ TEST_P(BrokerTroubleTest, no_media_packet_is_lost_while_the_broker_is_killed_and
                         "--sessions", "100", "--id-base", "1000000", "--rate", "2000", "--flags", "media",
                         "--json"});
     // The broker is away for a while in which sessions run; a list that arrives shows that the router is back.
-    ASSERT_TRUE(eventually([&] { return !hosts_of_new_session(WRITER).empty(); }));
+    ASSERT_TRUE(wait_until([&] { return !hosts_of_new_session(WRITER).empty(); }));
     broker().down();
-    EXPECT_TRUE(eventually([&] { return has_line_with(process(), "MESSAGE_BROKER:  error ("); }));
+    EXPECT_TRUE(wait_until([&] { return has_line_with(process(), "MESSAGE_BROKER:  error ("); }));
     broker().up();
     EXPECT_TRUE(list_arrives(router(), WRITER_NODES, m_node));
-    EXPECT_TRUE(eventually([&] { return hosts_of_new_session(WRITER) == m_node.address(); }));
+    EXPECT_TRUE(wait_until([&] { return hosts_of_new_session(WRITER) == m_node.address(); }));
     sender.send_signal(SIGTERM);
     EXPECT_EQ(sender.wait(), 0) << sender.err();
     const uint64_t sent = total_datagrams(sender.out());
@@ -176,7 +176,7 @@ TEST_P(BrokerTroubleTest, two_routers_on_one_broker_are_told_apart_by_their_port
     }
     uint64_t id = 0;
     const auto arrives = [&](KafkaRouter& router, UdpNode& node) {
-        return eventually([&] {
+        return wait_until([&] {
             UdpSender(router.port()).send(start_packet().id(++id).seq(1).flags(WRITER).bytes());
             return node.receive(std::chrono::milliseconds(100)).has_value();
         });
@@ -275,7 +275,7 @@ TEST_P(ApacheTroubleTest,
     peer().send_json(router.topic(), node_list_event(WRITER_NODES, 1, {&m_node}));
     // The broker gives the member up after 45 s.
     ASSERT_TRUE(
-        eventually([&] { return has_line_with(router.process(), "Local: Assign partitions"); }, seconds(70)));
+        wait_until([&] { return has_line_with(router.process(), "Local: Assign partitions"); }, seconds(70)));
     EXPECT_TRUE(router.process().wait_for_log("SYSTEM  | MESSAGE_BROKER: sync offset for [" + router.topic() +
                                               "/0] from (-1001) to (1)"));
     // The manager's announcement makes the router ask again.
@@ -299,9 +299,9 @@ TEST_P(ApacheTroubleTest, a_broker_that_slows_the_router_down_is_a_line_and_even
     apache_broker().limit_reading(client, BYTES_PER_SECOND);
     const Bytes no_zlib_stream(4 * BYTES_PER_SECOND, 'x');
     const std::string throttled = "INFO    | MESSAGE_BROKER: THROTTLED: ";
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(wait_until([&] {
         peer().send(router().topic(), no_zlib_stream);
-        return eventually([&] { return has_line_with(process(), throttled); }, seconds(1));
+        return wait_until([&] { return has_line_with(process(), throttled); }, seconds(1));
     }));
     apache_broker().limit_reading(client, 0);
     for (const std::string& line : process().log()) {
@@ -348,7 +348,7 @@ TEST_P(IndependentManagerTest, a_router_takes_its_lists_from_it_and_takes_up_new
     UdpSender sender(router.port());
     uint64_t id = 0;
     const auto arrives = [&](UdpNode& node) {
-        return eventually([&] {
+        return wait_until([&] {
             sender.send(start_packet().id(++id).seq(1).flags(BOTH).bytes());
             return node.has_datagram();
         });

@@ -57,7 +57,7 @@ protected:
     bool takes_new_sessions(KafkaRouter& router, UdpNode& node) {
         UdpSender sender(router.port());
         const uint64_t old_id = m_last_id;
-        return eventually([&] {
+        return wait_until([&] {
             sender.send(start_packet().id(++m_last_id).seq(1).flags(0x80).bytes());
             bool is_reached = false;
             while (node.has_datagram()) {

@@ -71,7 +71,7 @@ TEST_P(NodeListTest, lists_of_both_kinds_come_on_either_topic_with_versions_of_t
     peer().send_json(topics().broadcast, node_list_event(WRITER_NODES, 1, {&m_second}));
     EXPECT_TRUE(process().wait_for_log(received_line(WRITER_NODES)));
     // The host list is exchanged a moment after that line.
-    EXPECT_TRUE(eventually([&] { return hosts_of_new_session(WRITER) == m_second.address(); }));
+    EXPECT_TRUE(wait_until([&] { return hosts_of_new_session(WRITER) == m_second.address(); }));
     EXPECT_EQ(hosts_of_new_session(BOTH), m_second.address() + " " + m_first.address());
 }
 

@@ -302,7 +302,7 @@ TEST_F(ConfigurationTest, the_log_level_takes_effect_when_the_service_starts) {
         RouterProcess process(m_place);
         ASSERT_TRUE(process.wait_until_receiving()) << row.level;
         process.signal(SIGHUP);
-        ASSERT_TRUE(eventually([&] {
+        ASSERT_TRUE(wait_until([&] {
             const Lines log = process.log();
             return std::any_of(log.begin(), log.end(), [](const std::string& line) {
                 return line.find("SERVICE: update has been requested") != std::string::npos;

@@ -138,7 +138,7 @@ TEST_F(FloodTest, a_flood_of_half_valid_datagrams_leaves_the_router_alive_and_ev
         }
         m_sender->send_all(batch);
     }
-    ASSERT_TRUE(eventually([&] { return diag.queued_bytes(port) == 0; }));
+    ASSERT_TRUE(wait_until([&] { return diag.queued_bytes(port) == 0; }));
     const uint64_t lost = router().receive_socket().dropped_datagrams;
     EXPECT_LT(lost, DATAGRAMS / 2) << "most of the flood never reached the router";
 

@@ -21,7 +21,7 @@ protected:
         const uint64_t id = ++m_last_id;
         send_start(id, TO_WRITER);
         std::size_t found = m_writers.size();
-        eventually([&] {
+        wait_until([&] {
             for (std::size_t index = 0; index < m_writers.size(); ++index) {
                 if (writer(index).has_datagram()) {
                     found = index;

@@ -249,7 +249,7 @@ TEST_F(LifecycleTest, a_signal_before_the_subscription_takes_its_default_action)
         RouterProcess::Options options;
         options.blocked_log = true; // it stands at its first line, which comes before the subscription
         RouterProcess blocked(m_place, {}, options);
-        ASSERT_TRUE(eventually([&] {
+        ASSERT_TRUE(wait_until([&] {
             const auto call = blocking_call(blocked.pid(), blocked.pid());
             return call && call->number == SYS_write && call->descriptor == 2;
         }));
@@ -266,7 +266,7 @@ public:
         : m_path((place.folder() / "router_conf_pipe").string()), m_pipe(make_pipe()),
           m_router(place, {"--config", m_path}) {
         m_router.wait_for_log("SYSTEM  | CONFIGURATION: reading from file [" + m_path + "]");
-        EXPECT_TRUE(eventually([this] {
+        EXPECT_TRUE(wait_until([this] {
             const auto call = blocking_call(m_router.pid(), m_router.pid());
             return call && call->number == SYS_read;
         }));

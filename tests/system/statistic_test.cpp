@@ -219,7 +219,7 @@ TEST_F(StatisticTest, each_counter_counts_what_was_sent) {
             const bool is_passed = row.datagram.size() >= 48 && row.datagram.size() <= 1376;
             expected["packet queue passed elements number"] += is_passed ? 1 : 0;
         }
-        ASSERT_TRUE(eventually([&] { return diag.queued_bytes(port) == 0; })) << row.description;
+        ASSERT_TRUE(wait_until([&] { return diag.queued_bytes(port) == 0; })) << row.description;
     }
     expected["session number"] = 1; // a gauge
     expect_counters(expected);
@@ -245,7 +245,7 @@ TEST_F(StatisticTest, a_full_ring_drops_the_newest_packets_and_counts_them) {
     ASSERT_TRUE(syslog().wait_for(is_report).has_value());
     syslog().block();
     send_start(1, TO_WRITER);
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(wait_until([&] {
         const auto call = blocking_call(router().pid(), reader);
         return call && call->number == SYS_sendto;
     }));
@@ -257,7 +257,7 @@ TEST_F(StatisticTest, a_full_ring_drops_the_newest_packets_and_counts_them) {
             batch.push_back(data_packet().id(1).seq(seq).bytes());
         }
         m_sender->send_all(batch);
-        ASSERT_TRUE(eventually([&] { return diag.queued_bytes(port) == 0; }));
+        ASSERT_TRUE(wait_until([&] { return diag.queued_bytes(port) == 0; }));
     };
     for (std::size_t seq = 2; seq < 2 + RING; seq += 100) {
         send_data(seq, 100);
@@ -265,7 +265,7 @@ TEST_F(StatisticTest, a_full_ring_drops_the_newest_packets_and_counts_them) {
     send_data(2 + RING, TOO_MANY);
     // The main thread is not held up: it drops, and drops by length as ever.
     send(Bytes(47, 0));
-    ASSERT_TRUE(eventually([&] { return diag.queued_bytes(port) == 0; }));
+    ASSERT_TRUE(wait_until([&] { return diag.queued_bytes(port) == 0; }));
     EXPECT_EQ(router().receive_socket().dropped_datagrams, 0u);
     syslog().resume();
 
@@ -304,7 +304,7 @@ TEST_F(StatisticTest, a_log_daemon_that_stands_still_costs_no_packet) {
     const pid_t reader = thread_of("PACKETS_READER");
     const pid_t statistic = thread_of("STATISTIC_SERVICE");
     const auto stands_in = [&](pid_t thread, long number) {
-        return eventually([&] {
+        return wait_until([&] {
             const auto call = blocking_call(router().pid(), thread);
             return call && call->number == number;
         });
@@ -323,7 +323,7 @@ TEST_F(StatisticTest, a_log_daemon_that_stands_still_costs_no_packet) {
         }
         m_sender->send_all(batch);
         // The main thread goes on: it is what empties the socket.
-        ASSERT_TRUE(eventually([&] { return diag.queued_bytes(port) == 0; }));
+        ASSERT_TRUE(wait_until([&] { return diag.queued_bytes(port) == 0; }));
     }
     const auto call = blocking_call(router().pid(), reader);
     ASSERT_TRUE(call && call->number == SYS_sendto) << "the reader did not stand all the time";

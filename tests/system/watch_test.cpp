@@ -160,7 +160,7 @@ TEST_F(WatchTest, the_doctor_names_the_kernels_receive_buffer) {
     router().signal(SIGCONT);
     UdpDiag diag;
     const uint16_t port = router().port();
-    ASSERT_TRUE(eventually([&] { return diag.queued_bytes(port) == 0; }));
+    ASSERT_TRUE(wait_until([&] { return diag.queued_bytes(port) == 0; }));
     send(terminate_packet().id(1).seq(20002).bytes());
     wait_for_terminates(1);
     const uint64_t drops = router().receive_socket().dropped_datagrams;
@@ -179,7 +179,7 @@ TEST_F(WatchTest, the_doctor_names_a_full_ring) {
     send_start(1, TO_WRITER);
     UdpDiag diag;
     const uint16_t port = router().port();
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(wait_until([&] {
         for (const pid_t thread : threads_of(router().pid())) {
             const auto call = blocking_call(router().pid(), thread);
             if (call && call->number == SYS_sendto && thread != router().pid()) {
@@ -194,7 +194,7 @@ TEST_F(WatchTest, the_doctor_names_a_full_ring) {
             batch.push_back(data_packet().id(1).seq(next).bytes());
         }
         m_sender->send_all(batch);
-        ASSERT_TRUE(eventually([&] { return diag.queued_bytes(port) == 0; }));
+        ASSERT_TRUE(wait_until([&] { return diag.queued_bytes(port) == 0; }));
     }
     syslog().resume();
     const Counters counters = wait_for_report(syslog(), 0, [](const Counters& last) {
@@ -387,7 +387,7 @@ TEST_F(WatchToolTest, a_syslog_socket_is_read_and_its_counters_are_answered_over
     counters["packet 'data'  type number"] = 12345;
     const std::string datagram =
         "<133>Nov 21 12:00:00 corvalin_router: " + expected_report_text(5000, counters);
-    ASSERT_TRUE(eventually([&] { return send_datagram(socket_path, datagram); }));
+    ASSERT_TRUE(wait_until([&] { return send_datagram(socket_path, datagram); }));
     EXPECT_EQ(parsed(watch.read_line())["counters"]["data_packets"].GetUint64(), 12345u);
 
     const uint16_t port = metrics_port(watch);
@@ -474,7 +474,7 @@ TEST_F(WatchToolTest, a_log_is_followed_over_its_end_its_rotation_and_its_trunca
     EXPECT_EQ(next(), 3u);
     // Cut in its place. What is written before the tool has looked cannot be told from the file that was.
     write_file(path("log"), "");
-    ASSERT_TRUE(eventually([&] { return offset_in(watch.pid(), path("log")) == 0; }));
+    ASSERT_TRUE(wait_until([&] { return offset_in(watch.pid(), path("log")) == 0; }));
     std::ofstream(path("log"), std::ios::app) << report_of(4);
     EXPECT_EQ(next(), 4u);
     watch.send_signal(SIGINT);

@@ -1,6 +1,6 @@
 #include "tests/support/kafka/admin.h"
 
-#include "tests/support/system/wait.h"
+#include "tests/support/waiting.h"
 
 #include <librdkafka/rdkafka.h>
 
@@ -85,7 +85,7 @@ void create_topic_as_admin(const std::string& broker, const std::string& name, i
     const Handle<rd_kafka_t> client = create_client(broker);
     request_topic(client.get(), name, partitions);
     // The controller has it; the broker hears of it a moment later.
-    if (!eventually([&] { return is_led(client.get(), name, partitions); })) {
+    if (!wait_until([&] { return is_led(client.get(), name, partitions); })) {
         throw std::runtime_error("topic " + name + " was created and has no leader");
     }
 }

@@ -31,7 +31,7 @@ void ConversationTest::wait_until_handled() {
     publish(R"({"type":"config_manager_started"})");
     ASSERT_EQ(peer().receive_json(), router().versions_request());
     // We may have the answer before the router is told that it was delivered.
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(wait_until([&] {
         const std::vector<std::string> log = process().log();
         return count_with(log, DISPATCHED) == count_with(log, DELIVERED);
     }));
@@ -52,7 +52,7 @@ std::string ConversationTest::hosts_of_new_session(uint8_t flags) {
     const std::size_t before = log_size();
     begin_session(flags);
     std::string hosts;
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(wait_until([&] {
         for (const std::string& line : log_from(before)) {
             const std::size_t place = line.find(ASSIGNED);
             if (place != std::string::npos) {

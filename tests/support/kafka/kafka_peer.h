@@ -7,7 +7,7 @@
 #pragma once
 
 #include "tests/support/packet_builder.h"
-#include "tests/support/system/wait.h"
+#include "tests/support/waiting.h"
 
 #include <librdkafka/rdkafkacpp.h>
 

@@ -269,7 +269,7 @@ RouterProcess::~RouterProcess() {
 
 bool RouterProcess::wait_until_receiving() {
     bool receives = false;
-    eventually([&] {
+    wait_until([&] {
         receives = descriptor_in_recv(m_pid).has_value() && is_at_rest(m_pid);
         return receives || !is_alive(m_pid);
     });
@@ -282,7 +282,7 @@ bool RouterProcess::wait_until_receiving() {
 ReceiveSocket RouterProcess::receive_socket() {
     std::optional<ReceiveSocket> socket;
     // A main thread that is busy is seen out of recv; it comes back.
-    eventually([&] {
+    wait_until([&] {
         if (const auto descriptor = descriptor_in_recv(m_pid)) {
             socket = find_socket(m_pid, *descriptor);
         }
@@ -333,7 +333,7 @@ ExitStatus RouterProcess::wait_for_exit(std::chrono::milliseconds limit) {
         return *m_status;
     }
     int raw = 0;
-    const bool ended = eventually([&] { return waitpid(m_pid, &raw, WNOHANG) != 0; }, limit);
+    const bool ended = wait_until([&] { return waitpid(m_pid, &raw, WNOHANG) != 0; }, limit);
     if (!ended) {
         ADD_FAILURE() << "the router does not end";
         ::kill(m_pid, SIGKILL);
@@ -373,7 +373,7 @@ void RouterProcess::follow_daemon() {
         return;
     }
     const pid_t launcher = m_pid;
-    const bool found = eventually([&] {
+    const bool found = wait_until([&] {
         for (const pid_t child : children_of(getpid())) {
             if (std::find(m_siblings.begin(), m_siblings.end(), child) == m_siblings.end()) {
                 m_pid = child;

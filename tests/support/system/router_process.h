@@ -13,9 +13,9 @@
 
 #include "tests/support/system/stream_capture.h"
 #include "tests/support/system/syslog_socket.h"
-#include "tests/support/system/wait.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/tool_process.h"
+#include "tests/support/waiting.h"
 
 #include <sys/types.h>
 
