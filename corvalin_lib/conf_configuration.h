@@ -3,10 +3,12 @@
 // An option is a name with a value or a bare name (a flag). The base class knows none: each class of a service's chain
 // compares its own keys and passes the rest on to its base.
 //
-// Threads    the main thread, before others exist. Read-only afterwards; the reference count is all that others touch.
+// Threads    the main thread, before others exist. Read-only afterwards; the reference count is all that
+//            others touch.
 // Ownership  held by rc_ptr for the life of the service.
-// Errors     logged with their place and told by a false result: the object is not usable then. Unknown options are only
-//            warned about, so that one text can serve several objects. Nothing here throws on bad input.
+// Errors     logged with their place and told by a false result: the object is not usable then. Unknown
+//            options are only warned about, so that one text can serve several objects. Nothing here throws
+//            on bad input.
 #pragma once
 
 #include "corvalin_lib/reference_countable.h"

@@ -3,8 +3,8 @@
 // Each class template derives from its argument, adds its fields and compares its own keys before it passes an option on
 // to its base. A chain reads from the inside out: StatExtension<PortExtension<LogExtenstion<Configuration>>>.
 //
-// Threads    set on the main thread before others exist, read without a lock afterwards; but the version table, which
-//            any thread may use at any time.
+// Threads    set on the main thread before others exist, read without a lock afterwards; but the version
+//            table, which any thread may use at any time.
 // Errors     a value that is not acceptable answers option_bad_format, with which the whole object fails.
 #pragma once
 

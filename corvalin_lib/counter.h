@@ -2,8 +2,7 @@
 //
 // Threads    one writer at a time, named at the field; any number of readers.
 // Ordering   relaxed throughout: a reader wants some recent number and infers nothing else from it. On x86-64
-// every
-//            access is the plain move that a bare integer costs, while ThreadSanitizer sees no race.
+//            every access is the plain move that a bare integer costs, while ThreadSanitizer sees no race.
 //            `fetch_add` would be a locked instruction and is not needed, since there is one writer.
 #pragma once
 

@@ -5,11 +5,9 @@
 //     log::write(SOURCE, __LINE__, log::SystemMessage() << "SERVICE: exec path: " << m_exec_path);
 //
 // Threads    any thread may log at any time, also before main and while the process exits. The record is
-// written by
-//            the main thread at start and stop only.
+//            written by the main thread at start and stop only.
 // Cost       a message is a whole string stream: fine for start-up, sessions and failures. On the packet path
-// a
-//            statement at DEBUG or TRACE looks at the threshold first and builds nothing that would be
+//            a statement at DEBUG or TRACE looks at the threshold first and builds nothing that would be
 //            dropped.
 // Errors     none. A line that a sink cannot deliver is lost silently.
 #pragma once

@@ -1,8 +1,10 @@
 // media_packet_buffer: the pooled memory that carries one datagram through the process.
 //
 // Threads    allocator.allocate: the main thread only. The buffer itself: whoever holds it, one thread at a
-// time. Ownership  held by rc_ptr. The last one to let go gives the buffer back to the pool; the heap is
-// never touched. Errors     allocate throws PacketBuffer::BadAlloc when all buffers are in use.
+//            time.
+// Ownership  held by rc_ptr. The last one to let go gives the buffer back to the pool; the heap is never
+//            touched.
+// Errors     allocate throws PacketBuffer::BadAlloc when all buffers are in use.
 #pragma once
 
 #include "corvalin_lib/media_packet.h"

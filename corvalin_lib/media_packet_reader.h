@@ -1,11 +1,9 @@
 // media_packet_reader: the hand-over of packets from the receiving thread to the reader thread.
 //
 // Threads    read_from: the main thread, the ring's only producer. start, stop: the owner's thread.
-// Everything that is
-//            private or begins with on_: the reader thread.
+//            Everything that is private or begins with on_: the reader thread.
 // Ownership  the listener and the counters are borrowed and outlive the reader. A packet belongs to the ring
-// and the
-//            frames of the two threads, and is back in the pool when the listener has returned.
+//            and the frames of the two threads, and is back in the pool when the listener has returned.
 // Errors     a packet that fails is counted and forgotten; nothing on this path logs it.
 #pragma once
 

@@ -1,7 +1,8 @@
 // media_session: one live session, that is one call leg.
 //
 // Threads    the reader thread only. The count is atomic by the nature of rc_ptr, not because sessions are
-// shared. Ownership  held by rc_ptr: one in the list of sessions, one in the index, more while a hook runs.
+//            shared.
+// Ownership  held by rc_ptr: one in the list of sessions, one in the index, more while a hook runs.
 #pragma once
 
 #include "corvalin_lib/media_packet.h"

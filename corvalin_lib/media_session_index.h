@@ -3,7 +3,7 @@
 // Threads    one: the reader thread.
 // Ownership  one rc_ptr for each entry.
 // Errors     std::bad_alloc passes through `insert`; std::system_error from the constructor without a random
-// key.
+//            key.
 //
 // Three things are asked of it that one plain hash map does not give. The ids come from outside, and a sender that
 // chooses them against the table must not turn it into a list: the hash is SipHash-1-3 with a random key of this process.

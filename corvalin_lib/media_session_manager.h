@@ -4,9 +4,8 @@
 //            destruction while no reader runs.
 // Ownership  the table owns its sessions. The counters are borrowed.
 // Errors     a packet that fits no session is counted and logged, once for each packet or id. What the heap
-// refuses
-//            in create_session and setup_zombie is counted and logged; an insertion that fails ends the
-//            process.
+//            refuses in create_session and setup_zombie is counted and logged; an insertion that fails ends
+//            the process.
 //
 // Invariant  m_sessions and m_index hold the same sessions whenever no function of this class runs.
 //

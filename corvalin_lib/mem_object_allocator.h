@@ -4,8 +4,7 @@
 // Ownership  the pool owns the block. An object belongs to its user from allocate until give_back.
 // Errors     allocate throws T::BadAlloc when no object is free. The constructor throws std::bad_alloc.
 // Cost       one flag test for each allocation in the normal case: objects come back in the order in which
-// they left,
-//            so the next one in the ring is the one that has been free for longest.
+//            they left, so the next one in the ring is the one that has been free for longest.
 #pragma once
 
 #include <sys/mman.h>

@@ -1,12 +1,12 @@
 // messaging_event_dispatcher: gives the byte messages on Kafka a meaning. An event travels in a frame of one kind byte and
 // a body; a JSON event goes to the handler of its "type".
 //
-// Threads    constructor, destructor: the owner's thread. dispatch: any thread. on_message, handle_json_event and all
-//            handlers: the consumer thread, one at a time, in the order of the messages.
+// Threads    constructor, destructor: the owner's thread. dispatch: any thread. on_message, handle_json_event
+//            and all handlers: the consumer thread, one at a time, in the order of the messages.
 // Ownership  owns the broker and the handlers. A handler's context is valid during the call only.
-// Errors     an event that cannot be used is logged and dropped. A root that is no object and a "type" that is no string
-//            end the process by RapidJSON's assertion, and a frame that inflates to nothing by an exception: nothing
-//            stands before them, on purpose.
+// Errors     an event that cannot be used is logged and dropped. A root that is no object and a "type" that
+//            is no string end the process by RapidJSON's assertion, and a frame that inflates to nothing by
+//            an exception: nothing stands before them, on purpose.
 //
 // The consumer thread may deliver before the constructor has stored the broker: a handler that dispatches in that moment
 // meets a null pointer. And the handlers go before the broker does. Both gaps are accepted.

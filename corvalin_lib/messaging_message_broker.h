@@ -1,13 +1,13 @@
 // messaging_message_broker: the process's only contact with Kafka. Sends opaque byte messages to named topics, and
 // delivers those of a fixed list of topics to a callback.
 //
-// Threads    constructor and destructor: the owner's thread. send: any thread. Everything about the consumer, and the
-//            callbacks of the settings: the consumer thread. dr_cb: whichever thread is inside send or the destructor.
-//            event_cb: the consumer thread, for log events also threads of the library.
+// Threads    constructor and destructor: the owner's thread. send: any thread. Everything about the consumer,
+//            and the callbacks of the settings: the consumer thread. dr_cb: whichever thread is inside send
+//            or the destructor. event_cb: the consumer thread, for log events also threads of the library.
 // Ownership  the settings are moved in and kept for life. The consumer lives and dies on its own thread.
-// Errors     nothing is told to the caller: a failure is a log line, and the service goes on without what failed. Two
-//            are not survived: a `send` without a producer, and a consumer that could not be created, fault on the
-//            missing object.
+// Errors     nothing is told to the caller: a failure is a log line, and the service goes on without what
+//            failed. Two are not survived: a `send` without a producer, and a consumer that could not be
+//            created, fault on the missing object.
 //
 // Reading begins at the end of each partition: what was published before the first assignment is never seen. Offsets are
 // not stored here; committing is left to the library's defaults.

@@ -2,8 +2,8 @@
 //
 // Threads    every function may be called on any thread.
 // Ownership  arguments are only read during the call, except those that take the result.
-// Errors     nothing here logs or throws on bad text. The list parsers skip what they cannot read; the caller looks at
-//            what arrived in the list. No name is ever resolved.
+// Errors     nothing here logs or throws on bad text. The list parsers skip what they cannot read; the caller
+//            looks at what arrived in the list. No name is ever resolved.
 #pragma once
 
 #include <netinet/in.h>

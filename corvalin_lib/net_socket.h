@@ -1,12 +1,10 @@
 // net_socket: the UDP socket through which packets enter and leave.
 //
 // Threads    open, close: while no other thread uses the socket. read: one thread. send: one thread; the
-// class has no
-//            lock, and the system call needs none.
+//            class has no lock, and the system call needs none.
 // Ownership  owns its descriptor and its receive buffer.
 // Errors     logged with the descriptor and errno, and told by a false result; but a read that fails ends the
-// process:
-//            a receive socket that fails is not retried.
+//            process: a receive socket that fails is not retried.
 #pragma once
 
 #include <netinet/in.h>

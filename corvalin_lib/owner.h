@@ -2,9 +2,10 @@
 //
 // Threads    reset: the owner's thread. get, ->, bool: any thread.
 // Ownership  the object is deleted by reset and by the destructor.
-// Ordering   release on storing, acquire on looking: who sees the pointer sees the object behind it as it was built. It
-//            does not keep the object alive: whoever may look before it is stored, or after it is taken away, is told
-//            apart by the user of this class. A null pointer is not guarded against; using it faults.
+// Ordering   release on storing, acquire on looking: who sees the pointer sees the object behind it as it was
+//            built. It does not keep the object alive: whoever may look before it is stored, or after it is
+//            taken away, is told apart by the user of this class. A null pointer is not guarded against;
+//            using it faults.
 #pragma once
 
 #include <atomic>

@@ -1,8 +1,9 @@
 // queue_reader: a thread that takes elements from a ring and hands them to its own class.
 //
 // Threads    push: the producer thread. run and the on_ hooks: the reader thread. start, stop: the owner's
-// thread. Ownership  an element is passed on by value. Errors     a full ring refuses and counts the newest
-// element.
+//            thread.
+// Ownership  an element is passed on by value.
+// Errors     a full ring refuses and counts the newest element.
 #pragma once
 
 #include "corvalin_lib/counter.h"

@@ -1,13 +1,12 @@
 // reference_countable: objects shared by an intrusive count, and the pointer that counts.
 //
 // Threads    the count may be changed by any thread at any time. The object itself is as safe as its own
-// class says. Ownership  an object starts with a count of 0 and belongs to nobody. The first rc_ptr that
-// takes it makes the count
-//            1; the rc_ptr that brings it back to 0 destroys it by its deleting destructor. An object that no
-//            rc_ptr ever took is never freed.
+//            class says.
+// Ownership  an object starts with a count of 0 and belongs to nobody. The first rc_ptr that takes it makes
+//            the count 1; the rc_ptr that brings it back to 0 destroys it by its deleting destructor. An
+//            object that no rc_ptr ever took is never freed.
 // Cost       each copy and each release is a locked instruction. A move costs none: pass by reference, or by
-// value
-//            and move, where the object only changes hands.
+//            value and move, where the object only changes hands.
 #pragma once
 
 #include <atomic>

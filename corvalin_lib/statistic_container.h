@@ -1,8 +1,7 @@
 // statistic_container: base of an object that counts into a block of counters.
 //
 // Ownership  a block that is passed in is borrowed and must outlive the object, so that counters can outlive
-// their
-//            users. Without one the container makes a block of its own and frees it.
+//            their users. Without one the container makes a block of its own and frees it.
 #pragma once
 
 #include <memory>

@@ -6,8 +6,8 @@
 // Threads    every function may be called on any thread, as long as none changes the current directory.
 // Ownership  arguments are only read during the call, except for the path that is normalized in place.
 // Errors     check_or_create_directory answers false and leaves the reason in errno. A path that cannot be
-// made
-//            absolute is the empty string. A current directory that cannot be told ends in std::logic_error.
+//            made absolute is the empty string. A current directory that cannot be told ends in
+//            std::logic_error.
 #pragma once
 
 #include <string>

@@ -1,8 +1,7 @@
 // utils_siphash: SipHash of one 64-bit number, a hash whose collisions cannot be chosen without its key.
 //
 // Source     J.-P. Aumasson, D. J. Bernstein: "SipHash: a fast short-input PRF" (INDOCRYPT 2012). The number
-// is hashed
-//            as a message of 8 bytes in little-endian order.
+//            is hashed as a message of 8 bytes in little-endian order.
 #pragma once
 
 #include <bit>

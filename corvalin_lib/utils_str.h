@@ -1,8 +1,10 @@
 // utils_str: identifiers as text, substitution, trimming, splitting, and the checked conversion of text to a number.
 //
-// Threads    every function may be called on any thread; none keeps state. try_parse_value uses the thread's errno.
+// Threads    every function may be called on any thread; none keeps state. try_parse_value uses the thread's
+//            errno.
 // Ownership  arguments are only read during the call, except those that take the result.
-// Errors     nothing here logs. try_parse_value answers a status; the others have no failure but an exhausted heap.
+// Errors     nothing here logs. try_parse_value answers a status; the others have no failure but an exhausted
+//            heap.
 #pragma once
 
 #include <cerrno>

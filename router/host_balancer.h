@@ -3,8 +3,7 @@
 // Threads    pick: the reader thread, which alone moves the cursor. update: any other thread.
 // Ownership  a pick is a copy, so the old list can go the moment a new one has taken its place.
 // Errors     update: an exhausted heap leaves the balancer as it was. Both: std::system_error if the calling
-// thread
-//            holds the lock already.
+//            thread holds the lock already.
 #pragma once
 
 #include "corvalin_lib/net.h"

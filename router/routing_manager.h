@@ -3,8 +3,7 @@
 // Threads    set_media_hosts, set_writer_hosts: any thread. All else: the reader thread.
 // Ownership  the forwarding socket is borrowed and outlives the manager. A session owns copies of its hosts.
 // Errors     a send that fails is logged by the socket and not repeated; the session's other hosts still get
-// the
-//            packet. A session that the heap refuses is counted by the base class.
+//            the packet. A session that the heap refuses is counted by the base class.
 //
 // A session keeps its nodes for life. New lists are for new sessions, and forwarding never touches a
 // balancer.

@@ -1,12 +1,13 @@
 // service: the router as a service. Here all subsystems are wired together.
 //
-// Threads    everything on the main thread, which ends in the receive loop; but the handlers of events, which run on the
-//            consumer thread.
-// Ownership  owns the forwarding socket and the routing manager, which outlive on_start and go with the service. The
-//            receive socket and the packet reader live in on_start.
-// Errors     a socket that cannot be opened has been logged by itself and fails the start. A log level that would hide
-//            errors throws a string that nothing catches. A broker that cannot be reached only delays the start. Members
-//            of an event that are of the wrong type end the process by RapidJSON's assertion, on purpose.
+// Threads    everything on the main thread, which ends in the receive loop; but the handlers of events, which
+//            run on the consumer thread.
+// Ownership  owns the forwarding socket and the routing manager, which outlive on_start and go with the
+//            service. The receive socket and the packet reader live in on_start.
+// Errors     a socket that cannot be opened has been logged by itself and fails the start. A log level that
+//            would hide errors throws a string that nothing catches. A broker that cannot be reached only
+//            delays the start. Members of an event that are of the wrong type end the process by RapidJSON's
+//            assertion, on purpose.
 #pragma once
 
 #include "corvalin_lib/app_kafka_service.h"

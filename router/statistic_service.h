@@ -1,12 +1,10 @@
 // statistic_service: writes a report of all counters to syslog every 5 seconds.
 //
 // Threads    start, stop and the settings: the main thread. run and print: the statistics thread, which reads
-// the
-//            counters without a lock while their own threads go on counting: lines of one report may be from
-//            slightly different moments. No counter is written here.
+//            the counters without a lock while their own threads go on counting: lines of one report may be
+//            from slightly different moments. No counter is written here.
 // Ownership  owns the blocks that the reader and the session table count into, so that counters exist before
-// their users
-//            and outlive them.
+//            their users and outlive them.
 // Errors     a report that syslog cannot take is lost.
 #pragma once
 

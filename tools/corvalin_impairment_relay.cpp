@@ -210,8 +210,7 @@ int main(int argc, char** argv) {
     add_other_options(app, options);
     add_version_flag(app);
     app.footer("Without --packets, --idle-exit and --duration it runs until SIGINT or SIGTERM. What still "
-               "waits goes "
-               "on then.\nDatagrams of more than 2048 bytes are dropped and counted.\n\n" +
+               "waits goes on then.\nDatagrams of more than 2048 bytes are dropped and counted.\n\n" +
                exit_status_help("failure"));
     if (const auto status = parse_command_line(app, argc, argv)) {
         return *status;

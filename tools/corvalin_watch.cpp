@@ -318,8 +318,7 @@ void add_input_options(CLI::App& app, Options& options) {
 void add_metrics_port(CLI::App& app, Options& options) {
     app.add_option("--metrics-port", options.metrics_port,
                    "Answer http://127.0.0.1:PORT/metrics too, with 0 on a port of the kernel's choice, until "
-                   "SIGINT or "
-                   "SIGTERM")
+                   "SIGINT or SIGTERM")
         ->type_name("PORT")
         ->check(CLI::Range(0, 65535));
 }

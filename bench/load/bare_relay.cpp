@@ -11,7 +11,7 @@
 //
 // Threads    main receives, a second thread sends. Ends by a signal.
 // Errors     a datagram that finds the ring full is dropped, a failed send is forgotten. What cannot be set
-// up ends the process with a text and status 1, a usage error with status 2.
+//            up ends the process with a text and status 1, a usage error with status 2.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <pthread.h>

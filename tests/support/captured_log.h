@@ -1,12 +1,12 @@
 // captured_log: a sink that keeps every message, so that a test can look at what was reported.
 //
 // Threads    any thread may log while the capture is installed; the capture locks. Installing and removing it
-// changes
-//            the record of the process, so threads that log are started after the constructor and joined
-//            before the destructor, and at most one test of a process captures at a time (captures may nest
-//            on one thread).
+//            changes the record of the process, so threads that log are started after the constructor and
+//            joined before the destructor, and at most one test of a process captures at a time (captures may
+//            nest on one thread).
 // Ownership  the destructor puts back the sink, its context, its close function and the threshold that it
-// found. Errors     none.
+//            found.
+// Errors     none.
 #pragma once
 
 #include "corvalin_lib/log.h"

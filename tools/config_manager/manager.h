@@ -1,10 +1,11 @@
 // manager: the configuration manager's side of the conversation with routers.
 //
-// Threads    prepare_topics, announce, publish, rollback, take_new_topic: the main thread. on_frame: the consumer thread of the message
-//            broker. Store and sink have locks of their own; `report` must have one.
+// Threads    prepare_topics, announce, publish, rollback, take_new_topic: the main thread. on_frame: the
+//            consumer thread of the message broker. Store and sink have locks of their own; `report` must
+//            have one.
 // Ownership  borrows the store and the sink.
-// Errors     what cannot be sent throws std::runtime_error, on_frame excepted: a request that cannot be understood or
-//            answered is told and dropped, for unlike a router a manager outlives it.
+// Errors     what cannot be sent throws std::runtime_error, on_frame excepted: a request that cannot be
+//            understood or answered is told and dropped, for unlike a router a manager outlives it.
 #pragma once
 
 #include "tools/config_manager/event_sink.h"

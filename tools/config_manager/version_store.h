@@ -4,7 +4,8 @@
 // to the manager.
 //
 // Threads    any; `record` holds a lock on the state, so that several processes can share it.
-// Ownership  the state lives in one JSON file, replaced as a whole by a rename: a reader finds the old or the new one.
+// Ownership  the state lives in one JSON file, replaced as a whole by a rename: a reader finds the old or the
+//            new one.
 // Errors     std::runtime_error with the path and the reason.
 #pragma once
 

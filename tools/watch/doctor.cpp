@@ -23,8 +23,7 @@ void diagnose_reports(const Evidence& evidence, std::vector<Finding>& findings) 
         findings.push_back({Layer::REPORT, "silence", seconds,
                             "no report for " + number(seconds) + " s, where one is due every 5 s",
                             "The router has ended, or the log daemon stands still: then the router's reader "
-                            "waits in syslog and the "
-                            "ring fills up.",
+                            "waits in syslog and the ring fills up.",
                             "Look whether the router runs (systemctl status) and whether the log daemon "
                             "takes lines (logger test). A "
                             "rate limit of the journal that eats reports shows as gaps in their times: lift "
@@ -79,11 +78,9 @@ void diagnose_kernel(const Evidence& evidence, std::vector<Finding>& findings) {
              number(*evidence.kernel_drops) + " datagrams found " + buffer + " full" +
                  (evidence.kernel_drops_are_total ? ", since the router opened its socket" : ""),
              "Bursts are larger than the buffer, or the main thread does not get the processor. The router "
-             "does not see "
-             "these.",
+             "does not see these.",
              "Raise net.core.rmem_default (rmem_max alone changes nothing), restart the router, and give it "
-             "a "
-             "processor of its own."});
+             "a processor of its own."});
     } else if (evidence.receive_buffer_bytes != 0 &&
                evidence.kernel_queued_bytes > evidence.receive_buffer_bytes / 2) {
         findings.push_back(
@@ -100,8 +97,7 @@ void diagnose_ring(const Evidence& evidence, std::vector<Finding>& findings) {
         findings.push_back({Layer::RING, "full", counts[RING_DROPPED],
                             number(counts[RING_DROPPED]) + " packets found the ring of 100000 full",
                             "The reader thread is slower than the packets come, or stands: in syslog, as the "
-                            "log daemon takes no "
-                            "lines, or in sends, as the send buffer is full.",
+                            "log daemon takes no lines, or in sends, as the send buffer is full.",
                             "Look whether the log daemon stands still; lower log_level from TRACE; take "
                             "sessions off this router."});
     }
@@ -166,11 +162,9 @@ void diagnose_session(const Evidence& evidence, std::vector<Finding>& findings) 
                  number(counts[ZOMBIES]) +
                  " zombies took the place, and swallow all further data of their ids without a count",
              "The start packet was lost or came behind the data, the session had ended or had timed out, or "
-             "the router "
-             "was restarted in the middle of calls.",
+             "the router was restarted in the middle of calls.",
              "If starts are lost, cure the loss in front first; let senders wait between start and data, and "
-             "keep media "
-             "time running. Calls that lived over a restart stay lost until they end."});
+             "keep media time running. Calls that lived over a restart stay lost until they end."});
     }
     if (counts[EXISTING_INDEX_ERRORS] > 0) {
         findings.push_back({Layer::SESSION, "existing_session", counts[EXISTING_INDEX_ERRORS],
@@ -206,8 +200,7 @@ void diagnose_send(const Evidence& evidence, std::vector<Finding>& findings) {
                             number(events.failed_sends) +
                                 " sends to nodes were refused by this machine: " + errors_text(events),
                             "No route to the node, a firewall rule on the way out, or an address that cannot "
-                            "be sent to. Each is one "
-                            "packet to one node; no counter of the report holds it.",
+                            "be sent to. Each is one packet to one node; no counter of the report holds it.",
                             "Look up the node's address (ip route get ADDRESS) and the rules (nft list "
                             "ruleset); correct the node list."});
     }
@@ -224,8 +217,7 @@ void diagnose_send(const Evidence& evidence, std::vector<Finding>& findings) {
                  : "The list of nodes was empty when they began, or they ask for none, which the trace would "
                    "tell.",
              "Look for the node lists in the log, and whether Kafka and the configuration manager answer; a "
-             "list in "
-             "router.conf bridges the time. Sessions that run keep what they have."});
+             "list in router.conf bridges the time. Sessions that run keep what they have."});
     }
 }
 

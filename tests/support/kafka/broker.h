@@ -5,8 +5,8 @@
 //
 // Threads    one thread at a time.
 // Ownership  the process ends with the object, and all that it has stored goes with it.
-// Errors     BrokerUnavailable if this machine has no such broker to offer; std::runtime_error for whatever else
-//            the broker does not do.
+// Errors     BrokerUnavailable if this machine has no such broker to offer; std::runtime_error for whatever
+//            else the broker does not do.
 #pragma once
 
 #include "tests/support/tool_process.h"

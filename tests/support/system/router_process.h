@@ -6,8 +6,8 @@
 // and that broker gives a group its first assignment after 3 s, but any later one after 44.
 //
 // Threads    one thread at a time; the captures have their own.
-// Ownership  the destructor ends the process. A process that has ended by itself, without the test asking for its
-//            exit status, is a failure of the test.
+// Ownership  the destructor ends the process. A process that has ended by itself, without the test asking for
+//            its exit status, is a failure of the test.
 // Errors     what the test environment refuses is an exception; what the router does wrong is a test failure.
 #pragma once
 

@@ -1,7 +1,7 @@
 // stream_capture: what a process writes to its standard error or output, as lines.
 //
-// Threads    a thread of its own reads until the last writer has closed; all operations: any thread. What is asked
-//            for reads too, so that whatever was written before the question is in the answer.
+// Threads    a thread of its own reads until the last writer has closed; all operations: any thread. What is
+//            asked for reads too, so that whatever was written before the question is in the answer.
 // Ownership  the read end of the pipe; the write end is closed by `close_write_end` once the process has it.
 #pragma once
 

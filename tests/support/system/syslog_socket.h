@@ -1,8 +1,8 @@
 // syslog_socket: the test's own syslog daemon, a datagram socket in the place of /dev/log.
 //
-// Threads    one thread of its own takes the records as they come, since a writer blocks when the socket's short
-//            queue is full; all operations may be called from any thread. What is asked for takes them too, so that
-//            whatever was written before the question is in the answer.
+// Threads    one thread of its own takes the records as they come, since a writer blocks when the socket's
+//            short queue is full; all operations may be called from any thread. What is asked for takes them
+//            too, so that whatever was written before the question is in the answer.
 // Ownership  the socket file goes with the object.
 // Errors     the constructor throws std::system_error.
 #pragma once

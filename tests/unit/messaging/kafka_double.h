@@ -1,8 +1,8 @@
 // kafka_double: takes the place of the Kafka client library's objects, writes down what they are asked, and answers as a
 // test says. The linker leads the library's factories here; without a double they give the library's own objects.
 //
-// Threads    the consumer and the producer are used by threads of the code under test; everything here locks. What is
-//            made to run inside `consume` runs on the thread that consumes.
+// Threads    the consumer and the producer are used by threads of the code under test; everything here locks.
+//            What is made to run inside `consume` runs on the thread that consumes.
 // Ownership  outlives every object that it gave out. At most one lives at a time.
 // Errors     an operation that the code under test has no business with throws std::logic_error.
 #pragma once

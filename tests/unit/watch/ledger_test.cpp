@@ -145,18 +145,16 @@ TEST_F(WatchLedgerTest, drops_of_the_kernel_begin_anew_with_the_socket) {
 }
 
 TEST(WatchKernelSocketTest, the_line_of_the_port_is_found_and_read) {
-    const std::string text =
-        "   sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode "
-        "ref pointer "
-        "drops             \n"
-        "  511: 0100007F:1388 00000000:0000 07 00000000:00000010 00:00000000 00000000   105        0 20 2 "
-        "0000000000000000 3         \n"
-        "  512: 00000000:1388 00000000:0000 07 00000000:00034E00 00:00000000 00000000   105        0 21 2 "
-        "0000000000000000 4294967295\n"
-        "  513: 00000000:1389 00000000:0000 07 00000000:00000000 00:00000000 00000000   105        0 22 2 "
-        "0000000000000000 0\n"
-        "  514: 0100007F:138A 00000000:0000 07 00000000:00000001 00:00000000 00000000   105        0 23 2 "
-        "0000000000000000 9";
+    const std::string text = "   sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   "
+                             "uid  timeout inode ref pointer drops             \n"
+                             "  511: 0100007F:1388 00000000:0000 07 00000000:00000010 00:00000000 00000000   "
+                             "105        0 20 2 0000000000000000 3         \n"
+                             "  512: 00000000:1388 00000000:0000 07 00000000:00034E00 00:00000000 00000000   "
+                             "105        0 21 2 0000000000000000 4294967295\n"
+                             "  513: 00000000:1389 00000000:0000 07 00000000:00000000 00:00000000 00000000   "
+                             "105        0 22 2 0000000000000000 0\n"
+                             "  514: 0100007F:138A 00000000:0000 07 00000000:00000001 00:00000000 00000000   "
+                             "105        0 23 2 0000000000000000 9";
     const auto all_addresses = find_kernel_socket(text, 5000);
     ASSERT_TRUE(all_addresses.has_value());
     EXPECT_EQ(all_addresses->drops, 4294967295u);
