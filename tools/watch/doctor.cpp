@@ -176,11 +176,12 @@ void diagnose_session(const Evidence& evidence, std::vector<Finding>& findings) 
                             "Make ids unique over all senders and over at least 300 seconds behind a call."});
     }
     if (counts[SESSION_ALLOCATION_ERRORS] > 0) {
-        findings.push_back({Layer::SESSION, "allocation", counts[SESSION_ALLOCATION_ERRORS],
-                            number(counts[SESSION_ALLOCATION_ERRORS]) + " sessions could not be built",
-                            "The process had no memory left: a limit of the unit, or the machine's.",
-                            "Raise MemoryMax of the unit, or find what takes the memory: each session takes "
-                            "about 450 bytes."});
+        findings.push_back(
+            {Layer::SESSION, "allocation", counts[SESSION_ALLOCATION_ERRORS],
+             number(counts[SESSION_ALLOCATION_ERRORS]) + " sessions could not be built",
+             "The process got no memory: the machine had none left to give. A limit by MemoryMax of the unit "
+             "would have ended the router instead.",
+             "Find what takes the memory: a session takes about 450 bytes, and more with a long call id."});
     }
 }
 
