@@ -1,7 +1,7 @@
 // faults: sleeps that end when a test says so, and locks that answer with an error.
 //
-// Threads    LockScript acts on the thread that made it, and on no other. FakeSleep acts on every thread of the
-//            process.
+// Threads    LockScript acts on the thread that made it, and on no other. FakeSleep acts on every thread of
+//            the process.
 // Ownership  each fault ends with its object. At most one object of a kind lives at a time.
 #pragma once
 
