@@ -6,9 +6,10 @@ import subprocess
 import unittest
 
 from machine import boot_machine
-from support import PACKAGES, main, package
+from support import PACKAGES, commands_of_page, main, package
 
 PORT = 5000
+OTHER_PORT = 5001
 NODE_PORT = 6001
 UNIT = "corvalin_router.service"
 ETC = "/etc/tolvaine/corvalin"
@@ -32,7 +33,8 @@ class InstalledServiceTest(unittest.TestCase):
     def configure(self, *options):
         broker = self.machine.start(
             "corvalin_embedded_broker", "--topic", "corvalin_requests", "--topic", "corvalin_broadcast",
-            "--topic", f"corvalin_router_127o0o0o1_{PORT}", stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+            "--topic", f"corvalin_router_127o0o0o1_{PORT}", "--topic", f"corvalin_router_127o0o0o1_{OTHER_PORT}",
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self.addCleanup(broker.wait, timeout=10)
         self.addCleanup(broker.stdout.close)
         self.addCleanup(broker.stdin.close)  # at the end of its input it ends
@@ -222,6 +224,80 @@ class InstalledServiceTest(unittest.TestCase):
             if f" 00000000:{port:04X} " in line:
                 return int(line.split()[-1])
         raise AssertionError(f"port {port} is not open")
+
+    def running_calls(self):
+        """As the latest report has it; None without a report."""
+        text = self.shell(f"cat {LOGS}/statistic.log 2>/dev/null | corvalin_watch json --port {PORT} | tail -n 1")
+        return json.loads(text)["counters"]["sessions"] if text else None
+
+    def test_drain_upgrade_restart_and_roll_back_by_the_commands_of_the_page(self):
+        commands = commands_of_page("Drain, upgrade, roll back")
+        self.assertEqual({heading: len(blocks) for heading, blocks in commands.items()},
+                         {"Drain": 1, "Restart": 1, "Upgrade": 2, "Roll back": 1})
+        drain, restart, roll_back = (commands[heading][0] for heading in ("Drain", "Restart", "Roll back"))
+        upgrade, look = commands["Upgrade"]
+        self.configure("#mine")
+        self.start()
+        mine = self.machine.read(f"{ETC}/router.conf")
+        pid = self.shown("MainPID")
+        version = self.shell(look).split()[1]
+
+        node = self.machine.start("corvalin_media_node", "--port", NODE_PORT, "--json", stdout=subprocess.PIPE)
+        self.addCleanup(node.wait)
+        self.addCleanup(node.kill)
+        self.assertEqual(node.stdout.readline(), f"ports {NODE_PORT}\n")
+        send = ["corvalin_media_sender", "--rate", PACKETS_PER_SECOND, "--flags", "writer", "--sessions", SESSIONS]
+        self.machine.run(*send, "--packets", PACKETS, "--no-terminate", PORT)
+        self.machine.wait_until(lambda: self.running_calls() == SESSIONS, "the report of the running calls")
+
+        # The new program is there, and the old one goes on with its calls.
+        self.shell(upgrade, NEW=self.next_package())
+        shown = self.shell(look).splitlines()
+        self.assertEqual(shown[0].split()[1], "99.0")
+        self.assertNotEqual(shown[1], "/usr/sbin/corvalin_router")
+        self.assertEqual(self.shown("MainPID"), pid)
+        self.assertEqual(self.machine.read(f"{ETC}/router.conf"), mine)
+        self.assertIn("# new in this version", self.machine.read(f"{ETC}/router.conf.dpkg-dist"))
+
+        # Another router, with a report in the same log, takes the new calls. Those that run are all forwarded.
+        self.machine.run("systemd-run", "--unit", "other_router", "/usr/sbin/corvalin_router", "--args",
+                         f"port={OTHER_PORT}")
+        self.addCleanup(self.machine.run, "systemctl", "stop", "other_router")
+        self.machine.wait_until(lambda: f"00000000:{OTHER_PORT:04X}" in self.machine.read("/proc/net/udp"), "its port")
+        drained = self.machine.start("sh", "-ec", drain, stdout=subprocess.PIPE)
+        self.addCleanup(drained.wait)
+        self.addCleanup(drained.kill)
+        self.assertEqual(drained.stdout.readline(), f'"sessions":{SESSIONS}\n')
+        self.machine.run(*send, "--packets", PACKETS, "--id-base", 1000, "--no-terminate", OTHER_PORT)
+        self.assertIsNone(drained.poll())
+        self.machine.run(*send, "--packets", PACKETS, "--no-start", "--first-seq", PACKETS + 2, PORT)
+        output, _ = drained.communicate(timeout=60)
+        self.assertEqual(drained.returncode, 0)
+        self.assertEqual(output.splitlines()[-1], '"sessions":0')
+        # Running calls with their start, twice the data and their end, and new ones without an end. What a busy machine
+        # has no room for in a receive buffer is none of the drain's; the node looks for gaps behind the router.
+        forwarded = SESSIONS * (1 + 2 * PACKETS + 1) + SESSIONS * (1 + PACKETS)
+        forwarded -= self.kernel_drops(PORT) + self.kernel_drops(OTHER_PORT)
+        self.machine.run("sh", "-c", "kill $(pidof corvalin_media_node)")
+        total = json.loads(node.communicate(timeout=30)[0])["total"]
+        self.assertEqual(node.returncode, 0, total)
+        self.assertEqual(total["datagrams"], forwarded, total)
+        self.assertEqual(total["sessions"], 2 * SESSIONS)
+        self.assertEqual(total["ended_sessions"], SESSIONS)
+
+        self.assertEqual(self.shell(restart), "active\n")
+        self.assertNotEqual(self.shown("MainPID"), pid)
+        self.assertEqual(self.shell(look).splitlines()[1], "/usr/sbin/corvalin_router")
+        self.send()
+
+        pid = self.shown("MainPID")
+        self.shell(roll_back, OLD=f"/run/packages/{package().name}")
+        self.assertEqual(self.shown("MainPID"), pid)
+        self.assertEqual(self.shell(look).split()[1], version)
+        self.assertEqual(self.machine.read(f"{ETC}/router.conf"), mine)
+        self.assertEqual(self.shell(restart), "active\n")
+        self.assertNotEqual(self.shown("MainPID"), pid)
+        self.send()
 
     def test_log_folder_is_for_the_group_that_reads_logs_unless_the_operator_says_otherwise(self):
         def owner_and_mode():

@@ -1,6 +1,7 @@
 """What the packaging tests share: where things are, and the package laid out in a folder."""
 
 import os
+import re
 import subprocess
 import sys
 import tempfile
@@ -35,6 +36,17 @@ def unpacked_package():
     folder = tempfile.TemporaryDirectory(prefix="corvalin_package_")
     run("dpkg-deb", "--extract", package(), folder.name)
     return folder
+
+
+def commands_of_page(section):
+    """The blocks of shell commands below a heading of docs/operations.md, in lists by their own headings."""
+    page = (SOURCE / "docs/operations.md").read_text(encoding="utf-8")
+    text = page.split(f"\n## {section}\n", 1)[1].split("\n## ", 1)[0]
+    found = {}
+    for part in text.split("\n### ")[1:]:
+        heading, _, body = part.partition("\n")
+        found[heading] = re.findall(r"(?ms)^```sh\n(.*?)^```$", body)
+    return found
 
 
 def main():
