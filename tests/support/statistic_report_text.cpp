@@ -1,5 +1,7 @@
 #include "tests/support/statistic_report_text.h"
 
+#include <string_view>
+
 namespace corvalin::test {
 
 namespace {
@@ -46,9 +48,9 @@ std::string centred(const std::string& title) {
 
 template <std::size_t N>
 void append_labels(std::vector<std::string>& labels, const char* const (&section)[N]) {
-    for (const std::string label : section) {
+    for (const std::string_view label : section) {
         if (!label.empty()) {
-            labels.push_back(label);
+            labels.emplace_back(label);
         }
     }
 }
@@ -56,8 +58,8 @@ void append_labels(std::vector<std::string>& labels, const char* const (&section
 template <std::size_t N>
 void append_section(std::vector<std::string>& rows, const char* const (&section)[N], const Numbers& numbers,
                     std::size_t& next) {
-    for (const std::string label : section) {
-        rows.push_back(framed(label.empty() ? "" : label + std::to_string(numbers.at(next++))));
+    for (const std::string_view label : section) {
+        rows.push_back(framed(label.empty() ? "" : std::string(label) + std::to_string(numbers.at(next++))));
     }
 }
 
