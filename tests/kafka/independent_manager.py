@@ -22,6 +22,10 @@ except ImportError:
     sys.exit(77)
 
 
+# The same towards all brokers. Those from 4.0 on hang up on the fetches of a client of 0.11.
+API_VERSION = (1, 0)
+
+
 def payload_of(event):
     return zlib.compress(b"\0" + json.dumps(event).encode())
 
@@ -30,8 +34,8 @@ class Manager:
     def __init__(self, broker, request_topic, broadcast_topic, lists):
         self.lists = lists
         self.broadcast_topic = broadcast_topic
-        self.producer = kafka.KafkaProducer(bootstrap_servers=broker, api_version=(0, 11))
-        self.consumer = kafka.KafkaConsumer(bootstrap_servers=broker, api_version=(0, 11), fetch_max_wait_ms=50)
+        self.producer = kafka.KafkaProducer(bootstrap_servers=broker, api_version=API_VERSION)
+        self.consumer = kafka.KafkaConsumer(bootstrap_servers=broker, api_version=API_VERSION, fetch_max_wait_ms=50)
         partition = kafka.TopicPartition(request_topic, 0)
         self.consumer.assign([partition])
         self.consumer.seek(partition, self.consumer.end_offsets([partition])[partition])
