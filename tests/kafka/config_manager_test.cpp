@@ -43,6 +43,13 @@ protected:
         return std::make_unique<ToolProcess>(
             command({"run", "--writer", m_list, "--poll-ms", "20"}, topics()));
     }
+    /// Receives already; the test has failed if it does not.
+    std::unique_ptr<KafkaRouter> running_router() {
+        auto router = std::make_unique<KafkaRouter>(broker(), topics());
+        router->start();
+        EXPECT_TRUE(router->process().wait_until_receiving());
+        return router;
+    }
     /// Reads what the manager says up to this line. False, and the test has failed, if it does not say it.
     static bool wait_for(ToolProcess& manager, const std::string& wanted) {
         for (std::string line = manager.read_line(); !line.empty(); line = manager.read_line()) {
@@ -112,15 +119,13 @@ TEST_P(ConfigManagerTest, a_router_gets_its_list_from_a_manager_and_takes_up_a_c
 }
 
 TEST_P(ConfigManagerTest, a_router_that_runs_gets_its_list_from_a_manager_that_starts_later) {
-    KafkaRouter router(broker(), topics());
-    router.start();
-    ASSERT_TRUE(router.process().wait_until_receiving());
+    const auto router = running_router();
     UdpNode node;
     write_list(node);
     const auto manager = start_manager();
-    ASSERT_TRUE(wait_for(*manager, "sent versions to [" + router.topic() + "]"));
-    EXPECT_TRUE(takes_new_sessions(router, node));
-    EXPECT_EQ(router.process().stop(), exited(0));
+    ASSERT_TRUE(wait_for(*manager, "sent versions to [" + router->topic() + "]"));
+    EXPECT_TRUE(takes_new_sessions(*router, node));
+    EXPECT_EQ(router->process().stop(), exited(0));
 }
 
 TEST_P(ConfigManagerTest, a_rollback_brings_new_sessions_back_to_the_nodes_before) {
@@ -128,17 +133,15 @@ TEST_P(ConfigManagerTest, a_rollback_brings_new_sessions_back_to_the_nodes_befor
     UdpNode second;
     write_list(first);
     const auto manager = start_manager();
-    KafkaRouter router(broker(), topics());
-    router.start();
-    ASSERT_TRUE(router.process().wait_until_receiving());
+    const auto router = running_router();
     write_list(second);
-    ASSERT_TRUE(takes_new_sessions(router, second));
+    ASSERT_TRUE(takes_new_sessions(*router, second));
 
     ToolProcess rollback(command({"rollback", "writer"}, topics()));
     EXPECT_EQ(rollback.wait(), 0) << rollback.err();
     EXPECT_EQ(rollback.out(), "published corvalin_writer_nodes version 3: 1 nodes, those of version 1\n");
-    EXPECT_TRUE(takes_new_sessions(router, first));
-    EXPECT_EQ(router.process().stop(), exited(0));
+    EXPECT_TRUE(takes_new_sessions(*router, first));
+    EXPECT_EQ(router->process().stop(), exited(0));
 }
 
 TEST_P(ConfigManagerTest, a_list_that_would_end_a_router_or_lead_it_astray_is_kept_from_it) {
@@ -146,10 +149,8 @@ TEST_P(ConfigManagerTest, a_list_that_would_end_a_router_or_lead_it_astray_is_ke
     UdpNode second;
     write_list(first);
     const auto manager = start_manager();
-    KafkaRouter router(broker(), topics());
-    router.start();
-    ASSERT_TRUE(router.process().wait_until_receiving());
-    ASSERT_TRUE(takes_new_sessions(router, first));
+    const auto router = running_router();
+    ASSERT_TRUE(takes_new_sessions(*router, first));
     for (const char* const text :
          {"[7]", R"([{"ip":"127.0.0.1","port":"80"}])", R"([{"ip":"no address","port":1}])", "[", "[]"}) {
         std::filesystem::rename(m_folder.write_file("writer.json.next", text), m_list);
@@ -161,8 +162,8 @@ TEST_P(ConfigManagerTest, a_list_that_would_end_a_router_or_lead_it_astray_is_ke
     }
     write_list(second);
     ASSERT_TRUE(wait_for(*manager, "published corvalin_writer_nodes version 2: 1 nodes"));
-    EXPECT_TRUE(takes_new_sessions(router, second)) << "the router is alive";
-    EXPECT_EQ(router.process().stop(), exited(0));
+    EXPECT_TRUE(takes_new_sessions(*router, second)) << "the router is alive";
+    EXPECT_EQ(router->process().stop(), exited(0));
 }
 
 TEST_P(ConfigManagerTest, the_manager_warns_of_a_topic_with_more_partitions) {
