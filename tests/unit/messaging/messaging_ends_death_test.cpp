@@ -108,6 +108,7 @@ TEST_F(MessagingEndsDeathTest, a_root_that_is_no_object_and_a_type_that_is_no_st
     }
 }
 
+// The thread that builds the dispatcher may tell of its subscription in between.
 TEST_F(MessagingEndsDeathTest, a_bad_event_aborts_from_the_consumers_thread_as_well) {
     deliver_body(m_kafka, std::string("\0[]", 3));
     EXPECT_EXIT(
@@ -116,7 +117,7 @@ TEST_F(MessagingEndsDeathTest, a_bad_event_aborts_from_the_consumers_thread_as_w
             const EventDispatcher dispatcher(consumer_settings(), {});
             m_kafka.wait_until_idle();
         },
-        KilledBySignal(SIGABRT), "JSON event received: \\[\\]\nRapidJSON assertion failed: ");
+        KilledBySignal(SIGABRT), "JSON event received: \\[\\]\n.*RapidJSON assertion failed: ");
 }
 
 TEST_F(MessagingEndsDeathTest, a_frame_of_nothing_throws_before_its_bytes_are_looked_at) {
