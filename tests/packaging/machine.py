@@ -112,15 +112,25 @@ class Machine:
         """True once systemd is up; what it said is in output()."""
         end = time.monotonic() + BOOT_LIMIT_S
         while time.monotonic() < end and self._process.poll() is None:
-            children = Path(f"/proc/{self._process.pid}/task/{self._process.pid}/children").read_text().split()
-            # Of the children that the shells have had, the one that counts is the first of the namespaces.
-            if children and Path(f"/proc/{self._process.pid}/comm").read_text().strip() == "unshare":
-                self.init = children[0]
-                if Path(f"/proc/{self.init}/comm").read_text().strip() == "systemd" and \
+            try:
+                self.init = self._find_init()
+                if self.init and \
                         self.run("systemctl", "is-active", "sysinit.target", check=False).stdout == "active\n":
                     return True
+            except FileNotFoundError:
+                pass  # a process that was there has ended
             time.sleep(0.1)
         return False
+
+    def _find_init(self):
+        """Of the children that the shells have had, the one that counts is the first of the namespaces."""
+        process = Path(f"/proc/{self._process.pid}")
+        if (process / "comm").read_text().strip() != "unshare":
+            return None
+        children = (process / f"task/{self._process.pid}/children").read_text().split()
+        if not children or Path(f"/proc/{children[0]}/comm").read_text().strip() != "systemd":
+            return None
+        return children[0]
 
     def output(self):
         self._output.seek(0)

@@ -50,8 +50,8 @@ class Wave(typing.NamedTuple):
 
 
 # Long enough to be running still when the second wave begins.
-FIRST = Wave("first", 1000, 38, 4000, 1, (6001, 6002), (7001, 7002))
-SECOND = Wave("second", 1000, 18, 4000, 100001, (6003, 6004), (7003, 7004))
+FIRST = Wave("first", 1000, 22, 1000, 1, (6001, 6002), (7001, 7002))
+SECOND = Wave("second", 1000, 8, 1000, 100001, (6003, 6004), (7003, 7004))
 WAVES = (FIRST, SECOND)
 PACKETS = sum(wave.packets for wave in WAVES)
 
