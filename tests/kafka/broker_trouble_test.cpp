@@ -5,9 +5,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -135,7 +137,7 @@ TEST_P(BrokerTroubleTest, no_media_packet_is_lost_while_the_broker_is_killed_and
     start("media_node=127.0.0.1:" + ports.substr(prefix.size()) + "\n");
     // At this pace the kernel's buffer bears the router's waiting on a machine that is busy with the broker's start.
     ToolProcess sender({CORVALIN_MEDIA_SENDER_PATH, std::to_string(router().port()), "--endless",
-                        "--sessions", "100", "--id-base", "1000000", "--rate", "400", "--flags", "media",
+                        "--sessions", "20", "--id-base", "1000000", "--rate", "400", "--flags", "media",
                         "--json"});
     // The broker is away for a while in which sessions run; a list that arrives shows that the router is back.
     ASSERT_TRUE(wait_until([&] { return !hosts_of_new_session(WRITER).empty(); }));
@@ -144,10 +146,11 @@ TEST_P(BrokerTroubleTest, no_media_packet_is_lost_while_the_broker_is_killed_and
     broker().up();
     EXPECT_TRUE(list_arrives(router(), WRITER_NODES, m_node));
     EXPECT_TRUE(wait_until([&] { return hosts_of_new_session(WRITER) == m_node.address(); }));
+    std::this_thread::sleep_for(std::chrono::seconds(1)); // and media goes on behind it
     sender.send_signal(SIGTERM);
     EXPECT_EQ(sender.wait(), 0) << sender.err();
     const uint64_t sent = total_datagrams(sender.out());
-    EXPECT_GT(sent, 300u); // start, data and terminate packet of each session at the least
+    EXPECT_GT(sent, 60u); // start, data and terminate packet of each session at the least
 
     EXPECT_EQ(process().stop(), exited(0)); // all that was received has been sent
     node.send_signal(SIGTERM);
