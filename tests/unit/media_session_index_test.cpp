@@ -28,9 +28,8 @@ using media::SessionIndex;
 class MediaSessionIndexTest : public ::testing::Test {
 protected:
     /// A session that remembers its id.
-    static rc_ptr<Session> session(uint64_t id) {
-        static const auto buffer = test::pooled(test::data_packet().bytes());
-        auto& header = media::view_packet<media::PacketHeader>(buffer->data);
+    rc_ptr<Session> session(uint64_t id) {
+        auto& header = media::view_packet<media::PacketHeader>(m_packet->data);
         header.id = id;
         return {Session::make_zombie(header, 0)};
     }
@@ -41,6 +40,7 @@ protected:
         return entry == nullptr ? nullptr : entry->get();
     }
 
+    const rc_ptr<media::PacketBuffer> m_packet = test::pooled(test::data_packet().bytes());
     const std::unique_ptr<SessionIndex> m_index = std::make_unique<SessionIndex>();
 };
 
