@@ -1,6 +1,8 @@
 // corvalin_config_manager: gives routers their node lists over Kafka.
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>

@@ -3,6 +3,8 @@
 #include <poll.h>
 #include <sys/prctl.h>
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>

@@ -2,6 +2,8 @@
 #include <netinet/in.h>
 #include <poll.h>
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>

@@ -2,6 +2,8 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
+
 #include <cerrno>
 #include <cstring>
 #include <exception>

@@ -4,6 +4,8 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <cstdint>
 #include <ctime>

@@ -1,5 +1,7 @@
 #include "tools/tool_support/command_line.h"
 
+#include <CLI/CLI.hpp>
+
 #include <iostream>
 
 #include "version_stamp.h"

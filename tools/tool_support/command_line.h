@@ -4,10 +4,12 @@
 // Errors     a wrong command line is a message on standard error and a status; nothing is thrown.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include <optional>
 #include <string>
+
+namespace CLI {
+class App;
+}
 
 namespace corvalin::tools {
 

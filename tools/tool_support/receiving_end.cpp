@@ -1,5 +1,7 @@
 #include "tools/tool_support/receiving_end.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 
 #include "tools/tool_support/steady_clock.h"

@@ -4,9 +4,11 @@
 // Threads    add_receiving_end_options: main thread. All else: any thread.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include <cstdint>
+
+namespace CLI {
+class App;
+}
 
 namespace corvalin::tools {
 

@@ -1,5 +1,7 @@
 #include "tools/tool_support/summary.h"
 
+#include <CLI/CLI.hpp>
+
 #include <cstdio>
 #include <fstream>
 #include <iostream>

@@ -4,12 +4,14 @@
 // Errors     write_summary throws std::runtime_error if the file cannot be written.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
+
+namespace CLI {
+class App;
+}
 
 namespace corvalin::tools {
 
