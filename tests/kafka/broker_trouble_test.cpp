@@ -1,5 +1,6 @@
 // A broker that is away: at the start, while media flows, and at the stop. Topics and members that stand in the way.
 #include "tests/support/kafka/conversation.h"
+#include "tests/support/system/statistic_report.h"
 #include "tests/support/tool_process.h"
 
 #include <gmock/gmock.h>
@@ -9,7 +10,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -146,11 +146,14 @@ TEST_P(BrokerTroubleTest, no_media_packet_is_lost_while_the_broker_is_killed_and
     broker().up();
     EXPECT_TRUE(list_arrives(router(), WRITER_NODES, m_node));
     EXPECT_TRUE(wait_until([&] { return hosts_of_new_session(WRITER) == m_node.address(); }));
-    std::this_thread::sleep_for(std::chrono::seconds(1)); // and media goes on behind it
+    const auto flows = [](const Counters& counters) {
+        return counters.at("packet 'data'  type number") > 300;
+    };
+    EXPECT_TRUE(flows(wait_for_report(router().place().syslog(), router().port(), flows)));
     sender.send_signal(SIGTERM);
     EXPECT_EQ(sender.wait(), 0) << sender.err();
     const uint64_t sent = total_datagrams(sender.out());
-    EXPECT_GT(sent, 60u); // start, data and terminate packet of each session at the least
+    EXPECT_GT(sent, 300u);
 
     EXPECT_EQ(process().stop(), exited(0)); // all that was received has been sent
     node.send_signal(SIGTERM);
