@@ -355,9 +355,16 @@ class InstalledServiceTest(unittest.TestCase):
         self.start()
         pid = self.shown("MainPID")
 
-        def traced():
-            journal = f"journalctl --quiet --output cat _PID={pid} SYSLOG_FACILITY=17 SYSLOG_FACILITY=23"
-            return re.findall(r"\| (?:START|TERM |DATA ) \| .*", self.shell(journal))
+        def traced(source):
+            lines = re.findall(r"\| (?:START|TERM |DATA ) \| .*\n", self.shell(source))
+            self.assertEqual(len(set(lines)), len(lines), f"doubled: {source}")
+            return set(lines)
+
+        # A line that the limit held back is in neither. The journal may give up its oldest file meanwhile, and rsyslog's
+        # queue overflow: either is the machine's business.
+        def kept():
+            return traced(f"journalctl --quiet --output cat _PID={pid} SYSLOG_FACILITY=17 SYSLOG_FACILITY=23") | \
+                traced(f"cat {LOGS}/trace.log {LOGS}/media_trace.log || true")
 
         # Each datagram that the kernel has room for, flat out or on a busy machine not all of them, is a line.
         sent = arrived = 0
@@ -368,12 +375,14 @@ class InstalledServiceTest(unittest.TestCase):
                 "--rate", "0" if sent == 0 else "10000", "--flags", "writer", "--json", PORT).stdout
             sent += json.loads(output)["total"]["datagrams"]
             arrived = sent - self.kernel_drops(PORT)
-        self.machine.wait_until(lambda: len(traced()) >= arrived, f"a line of each of {arrived} packets", 60)
+        # How long they take is the machine's business as well; that they keep coming is the service's.
+        written = 0
+        while written < arrived:
+            before = written
+            self.machine.wait_until(lambda: len(kept()) > before, f"more than {before} lines of {arrived} packets")
+            written = len(kept())
         self.machine.run("systemctl", "stop", UNIT)
-        self.machine.run("journalctl", "--sync")
-        lines = traced()
-        self.assertEqual(len(lines), arrived)
-        self.assertEqual(len(set(lines)), arrived)
+        self.assertEqual(len(kept()), arrived)
 
 
 if __name__ == "__main__":

@@ -165,7 +165,7 @@ class Machine:
         found = self.run("find", "/run/overlay", "-mindepth", "1", "!", "-type", "c").stdout.splitlines()
         return {path.removeprefix("/run/overlay") for path in found}
 
-    def wait_until(self, condition, what, limit_s=30):
+    def wait_until(self, condition, what, limit_s=60):
         end = time.monotonic() + limit_s
         while not condition():
             if time.monotonic() > end:
