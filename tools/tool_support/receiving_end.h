@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-namespace CLI {
+namespace CLI { // NOLINT(readability-identifier-naming): the library's own name
 class App;
 }
 

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-namespace CLI {
+namespace CLI { // NOLINT(readability-identifier-naming): the library's own name
 class App;
 }
 
