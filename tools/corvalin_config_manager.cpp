@@ -1,8 +1,6 @@
 // corvalin_config_manager: gives routers their node lists over Kafka.
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>

@@ -6,7 +6,6 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <librdkafka/rdkafka.h>
 #include <librdkafka/rdkafka_mock.h>
 

@@ -3,8 +3,6 @@
 #include <poll.h>
 #include <sys/prctl.h>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>

@@ -2,8 +2,6 @@
 #include <netinet/in.h>
 #include <poll.h>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>

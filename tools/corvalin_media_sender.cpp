@@ -1,8 +1,6 @@
 // corvalin_media_sender: sends the packets of made-up sessions.
 #include <sys/prctl.h>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cstdint>
 #include <exception>

@@ -2,8 +2,6 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
-
 #include <cerrno>
 #include <cstring>
 #include <exception>

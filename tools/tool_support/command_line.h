@@ -4,12 +4,13 @@
 // Errors     a wrong command line is a message on standard error and a status; nothing is thrown.
 #pragma once
 
+#include <CLI/CLI.hpp>
+
 #include <optional>
 #include <string>
 
-namespace CLI { // NOLINT(readability-identifier-naming): the library's own name
-class App;
-}
+#include "tools/tool_support/receiving_end.h"
+#include "tools/tool_support/summary.h"
 
 namespace corvalin::tools {
 
@@ -23,6 +24,11 @@ std::string exit_status_help(const std::string& failed);
 
 /// Adds --version, which prints the name of the tool and the version of the build.
 void add_version_flag(CLI::App& app);
+
+/// --json and --output; `group` is the heading of --help under which they stand.
+void add_summary_options(CLI::App& app, SummaryTarget& target, const std::string& group = "Options");
+/// --packets, --idle-exit and --duration.
+void add_receiving_end_options(CLI::App& app, ReceivingEnd& end);
 
 /// Parses. Empty if the tool should go on, else the status it should end with: 0 after --help and --version,
 /// `usage_status` after a wrong command line, with the reason on standard error.

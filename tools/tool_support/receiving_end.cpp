@@ -1,7 +1,5 @@
 #include "tools/tool_support/receiving_end.h"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 
 #include "tools/tool_support/steady_clock.h"
@@ -21,14 +19,6 @@ bool ReceivingEnd::is_reached(const ReceivingProgress& progress, uint64_t now_ns
 uint64_t ReceivingEnd::longest_wait_ms() const {
     return idle_exit_ms == 0 ? STOP_CHECK_INTERVAL_MS
                              : std::min<uint64_t>(STOP_CHECK_INTERVAL_MS, idle_exit_ms);
-}
-
-void add_receiving_end_options(CLI::App& app, ReceivingEnd& end) {
-    app.add_option("--packets", end.packets, "End after this many datagrams");
-    app.add_option("--idle-exit", end.idle_exit_ms,
-                   "End when nothing has arrived for this long after the first datagram")
-        ->type_name("MS");
-    app.add_option("--duration", end.duration_s, "End after this many seconds")->check(CLI::Range(0.0, 1e6));
 }
 
 } // namespace corvalin::tools

@@ -1,14 +1,9 @@
-// receiving_end: when a tool that receives datagrams ends: the options --packets, --idle-exit and --duration, and the
-// stop signals.
+// receiving_end: when a tool that receives datagrams ends: after a number of them, a pause, a time, or a stop signal.
 //
-// Threads    add_receiving_end_options: main thread. All else: any thread.
+// Threads    any thread.
 #pragma once
 
 #include <cstdint>
-
-namespace CLI { // NOLINT(readability-identifier-naming): the library's own name
-class App;
-}
 
 namespace corvalin::tools {
 
@@ -29,7 +24,5 @@ struct ReceivingEnd {
     /// How long a wait may last without missing an end by time, or a signal that came just before it.
     uint64_t longest_wait_ms() const;
 };
-
-void add_receiving_end_options(CLI::App& app, ReceivingEnd& end);
 
 } // namespace corvalin::tools

@@ -1,7 +1,5 @@
 #include "tools/tool_support/summary.h"
 
-#include <CLI/CLI.hpp>
-
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -120,13 +118,6 @@ void Summary::append_json(std::string& json, std::size_t depth) const {
         separator = ",\n";
     }
     json += "\n" + std::string(depth * INDENT, ' ') + "}";
-}
-
-void add_summary_options(CLI::App& app, SummaryTarget& target, const std::string& group) {
-    app.add_flag("--json", target.as_json, "Summary as JSON instead of text")->group(group);
-    app.add_option("--output", target.file, "File for the summary instead of standard output")
-        ->type_name("FILE")
-        ->group(group);
 }
 
 void write_summary(const Summary& summary, const SummaryTarget& target) {

@@ -9,10 +9,6 @@
 #include <utility>
 #include <vector>
 
-namespace CLI { // NOLINT(readability-identifier-naming): the library's own name
-class App;
-}
-
 namespace corvalin::tools {
 
 /// Named values in the order in which they were added, with other summaries and lists of them among them.
@@ -49,14 +45,11 @@ private:
     std::vector<Item> m_items;
 };
 
-/// How a tool's summary is wanted: the options --json and --output.
+/// How a tool's summary is wanted.
 struct SummaryTarget {
     bool as_json = false;
     std::string file; // empty: standard output
 };
-
-/// `group` is the heading of --help under which they stand.
-void add_summary_options(CLI::App& app, SummaryTarget& target, const std::string& group = "Options");
 
 void write_summary(const Summary& summary, const SummaryTarget& target);
 
