@@ -1,7 +1,10 @@
 #include "corvalin_lib/media_packet_reader.h"
 
 #include "corvalin_lib/log.h"
+#include "corvalin_lib/prefetch.h"
 
+#include <algorithm>
+#include <array>
 #include <utility>
 
 namespace corvalin::media {
@@ -13,7 +16,8 @@ constexpr const char* SOURCE = "media_packet_reader";
 } // namespace
 
 PacketReader::PacketReader(PacketReaderListener& listener, PacketReaderStatistic& statistic)
-    : QueueIdleReader(statistic), m_listener(&listener) {
+    : QueueIdleReader(statistic), m_listener(&listener),
+      m_lookahead(dynamic_cast<PacketLookahead*>(&listener)) {
 }
 
 void PacketReader::read_from(const void* data, unsigned long size) {
@@ -69,6 +73,7 @@ void PacketReader::on_queue_read(rc_ptr<PacketBuffer> packet) {
     if (!packet) {
         return; // the wait has run out
     }
+    look_ahead();
     const PacketHeader& header = view_packet<PacketHeader>(packet->data);
     if (header.marker != PACKET_MARKER) {
         statistic().rejected_bad_marker.add(1);
@@ -88,6 +93,31 @@ void PacketReader::on_queue_read(rc_ptr<PacketBuffer> packet) {
     default:
         statistic().rejected_unknown_type.add(1);
     }
+}
+
+// Each packet is handled between two system calls that leave little in the caches, and the packets themselves come from
+// another processor. What waits in the ring is known, though: it is fetched while the packets ahead of it are sent.
+void PacketReader::look_ahead() {
+    constexpr uint64_t FARTHEST = PacketLookahead::PACKETS_AHEAD;
+    const uint64_t waiting = m_queue.size();
+    if (waiting > FARTHEST) {
+        const PacketBuffer& packet = *m_queue.peek(FARTHEST);
+        prefetch_to_read(&packet, sizeof(ReferenceCountable) + sizeof(PacketHeader));
+        prefetch_to_read(&packet.size, sizeof(packet.size));
+    }
+    if (waiting >= FARTHEST) {
+        const PacketBuffer& packet = *m_queue.peek(FARTHEST - 1); // its size is there by now
+        prefetch_to_read(packet.data, packet.size);
+    }
+    if (m_lookahead == nullptr || waiting == 0) {
+        return;
+    }
+    std::array<uint64_t, FARTHEST> ids;
+    const std::size_t told = std::min(waiting, FARTHEST);
+    for (std::size_t distance = 0; distance < told; ++distance) {
+        ids[distance] = view_packet<const PacketHeader>(m_queue.peek(distance)->data).id;
+    }
+    m_lookahead->on_packets_ahead(std::span(ids).first(told));
 }
 
 // A datagram that ended before the fields of its type has zeros there, from the pool, and fails the

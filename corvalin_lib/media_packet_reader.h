@@ -13,6 +13,10 @@
 #include "corvalin_lib/queue_reader.h"
 #include "corvalin_lib/reference_countable.h"
 
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
 namespace corvalin::media {
 
 // Zero at process start. Each counter names its writing thread; those of different threads share no cache
@@ -48,9 +52,24 @@ protected:
     ~PacketReaderListener() = default;
 };
 
+/// What a listener may be besides: it hears of the packets that still wait in the ring, so that it can fetch what they
+/// will need into the caches meanwhile. Reader thread.
+class PacketLookahead {
+public:
+    /// As many packets as are told at most.
+    static constexpr std::size_t PACKETS_AHEAD = 4;
+
+    /// Comes ahead of a packet. The ids of those behind it, the next one first. None of them has been validated yet, and
+    /// it may be that none of them is ever handled: nothing that can be observed may come of it.
+    virtual void on_packets_ahead(std::span<const uint64_t> ids) = 0;
+
+protected:
+    ~PacketLookahead() = default;
+};
+
 class PacketReader : public QueueIdleReader<rc_ptr<PacketBuffer>, 100'000, 1'000'000'000> {
 public:
-    /// Both are borrowed and outlive the reader.
+    /// Both are borrowed and outlive the reader. A listener that is a PacketLookahead too is told of packets ahead.
     PacketReader(PacketReaderListener& listener, PacketReaderStatistic& statistic);
 
     /// Copies one datagram into a pooled buffer and hands it to the reader thread.
@@ -65,6 +84,7 @@ public:
     int stop() override;
 
 private:
+    void look_ahead();
     void notify(StartPacket& packet);
     void notify(TerminatePacket& packet);
     void notify(DataPacket& packet);
@@ -77,6 +97,7 @@ private:
     }
 
     PacketReaderListener* const m_listener; // borrowed
+    PacketLookahead* const m_lookahead;     // the same object; null if it is none
 };
 
 } // namespace corvalin::media

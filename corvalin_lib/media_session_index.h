@@ -14,6 +14,7 @@
 #pragma once
 
 #include "corvalin_lib/media_session.h"
+#include "corvalin_lib/prefetch.h"
 #include "corvalin_lib/reference_countable.h"
 #include "corvalin_lib/utils_siphash.h"
 
@@ -39,6 +40,15 @@ public:
         return slot.tag == 0 ? nullptr : &slot.session;
     }
 
+    /// Fetches the slot of `id` into the caches.
+    void prefetch(uint64_t id) const noexcept {
+        const uint64_t tag = tag_of(id);
+        const Shard& shard = m_shards[shard_number_of(tag)];
+        if (!shard.slots.empty()) {
+            prefetch_to_read(&shard.slots[first_choice(shard, tag)], sizeof(Slot));
+        }
+    }
+
     /// Enters `session` under `id`, which must not be in the table.
     void insert(uint64_t id, rc_ptr<Session> session);
     /// Removes the entry of `id` if there is one.
@@ -62,7 +72,8 @@ private:
     static constexpr std::size_t SLOTS_MIN = 8;
 
     uint64_t tag_of(uint64_t id) const noexcept { return utils::siphash<1, 3>(m_key, id) | 1; }
-    Shard& shard_of(uint64_t tag) noexcept { return m_shards[tag >> (64 - SHARD_BITS)]; }
+    static std::size_t shard_number_of(uint64_t tag) noexcept { return tag >> (64 - SHARD_BITS); }
+    Shard& shard_of(uint64_t tag) noexcept { return m_shards[shard_number_of(tag)]; }
 
     static std::size_t first_choice(const Shard& shard, uint64_t tag) noexcept {
         return (tag >> 1) & (shard.slots.size() - 1);

@@ -1,8 +1,11 @@
 #include "corvalin_lib/media_session_manager.h"
 
 #include "corvalin_lib/log.h"
+#include "corvalin_lib/prefetch.h"
 
+#include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <new>
 
 namespace corvalin::media {
@@ -126,6 +129,41 @@ void SessionManager::on_packet_try() {
 
 bool SessionManager::on_packet_idle() {
     return audit_and_count();
+}
+
+// What a data packet needs hangs together by pointers: with each packet that is handled, those behind it come one pointer
+// closer, and each step finds in the caches what the one before has fetched.
+void SessionManager::on_packets_ahead(std::span<const uint64_t> ids) {
+    if (ids.size() == PACKETS_AHEAD) {
+        m_index.prefetch(ids.back());
+    }
+    for (std::size_t distance = 0; distance < std::min(ids.size(), PACKETS_AHEAD - 1); ++distance) {
+        prefetch_session(ids[distance], distance);
+    }
+}
+
+void SessionManager::prefetch_session(uint64_t id, std::size_t distance) {
+    const rc_ptr<Session>* const entry = m_index.find(id);
+    if (entry == nullptr || !*entry) {
+        return;
+    }
+    const Session& session = **entry;
+    const SessionList::iterator node = session.m_node;
+    switch (distance) {
+    case 2:
+        prefetch_to_write(&session, sizeof(Session) + CACHE_LINE_BYTES); // the fields of a derived class too
+        return;
+    case 1:
+        prefetch_to_write(&*node, sizeof(*node));
+        return;
+    default: // the neighbours that its move to the back joins
+        if (node != m_sessions.begin()) {
+            prefetch_to_write(&*std::prev(node), sizeof(*node));
+        }
+        if (std::next(node) != m_sessions.end()) {
+            prefetch_to_write(&*std::next(node), sizeof(*node));
+        }
+    }
 }
 
 Session* SessionManager::create_session(const StartPacket& packet, unsigned long& result) {

@@ -23,7 +23,9 @@
 #include "corvalin_lib/reference_countable.h"
 #include "corvalin_lib/statistic_container.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <span>
 
 namespace corvalin::media {
 
@@ -44,7 +46,9 @@ struct SessionManagerStatistic {
 using SteadyClock = int64_t (*)();
 int64_t steady_clock_us();
 
-class SessionManager : public PacketReaderListener, public StatisticContainer<SessionManagerStatistic> {
+class SessionManager : public PacketReaderListener,
+                       public StatisticContainer<SessionManagerStatistic>,
+                       public PacketLookahead {
 public:
     static constexpr uint64_t SESSION_TIMEOUT_US = 300'000'000;
     static constexpr int AUDIT_BUDGET = 10; // the most sessions that one audit removes
@@ -81,6 +85,8 @@ public:
     /// Removes expired sessions, up to its budget. Returns true if it removed any.
     virtual bool audit();
 
+    void on_packets_ahead(std::span<const uint64_t> ids) override;
+
 protected:
     int64_t now_us() const { return m_clock(); }
 
@@ -95,6 +101,7 @@ private:
     void remove(const rc_ptr<Session>& session);
     bool audit_and_count();
     bool remove_expired(uint64_t now);
+    void prefetch_session(uint64_t id, std::size_t distance);
     bool follow_sequence(const Session& session, uint64_t seq);
     void store_session_number() { statistic().session_number.set(m_index.size()); }
 

@@ -1,6 +1,6 @@
 // queue: a ring between one producer thread and one consumer thread.
 //
-// Threads    push: the producer. pop, is_empty: the consumer. size: either of them.
+// Threads    push: the producer. pop, peek, is_empty: the consumer. size: either of them.
 // Ownership  an element belongs to the ring from push to pop. What is left goes with the ring.
 // Errors     a full ring refuses the newest element. It never blocks the producer.
 //
@@ -78,6 +78,12 @@ public:
             return take();
         }
         return wait_until(monotonic_time_in(timeout_ns)) ? take() : T();
+    }
+
+    /// Consumer. The element `distance` places behind the next one, which stays where it is. `distance` must be below
+    /// a size that the consumer has seen since its last pop.
+    const T& peek(uint64_t distance) const noexcept {
+        return m_ring[(m_read_index.load(std::memory_order_relaxed) + distance) % Capacity];
     }
 
     /// Consumer.

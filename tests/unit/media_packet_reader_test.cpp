@@ -19,6 +19,7 @@
 #include <memory>
 #include <ostream>
 #include <random>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -97,6 +98,16 @@ private:
         }
         ++received;
     }
+};
+
+/// Keeps the ids that it was told ahead of each packet.
+class LookingAheadListener : public RecordingListener, public media::PacketLookahead {
+public:
+    void on_packets_ahead(std::span<const uint64_t> ids) override {
+        told.emplace_back(ids.begin(), ids.end());
+    }
+
+    std::vector<std::vector<uint64_t>> told;
 };
 
 /// Counts the waits that ran out.
@@ -397,6 +408,31 @@ TEST_F(MediaPacketReaderTest, nothing_is_done_when_a_wait_has_run_out) {
     m_reader->on_queue_read(nullptr);
     EXPECT_EQ(counts_of(*m_statistic), Counts());
     EXPECT_THAT(m_listener.packets, IsEmpty());
+}
+
+TEST_F(MediaPacketReaderTest, a_listener_that_looks_ahead_is_told_up_to_four_ids_of_the_packets_that_wait) {
+    LookingAheadListener listener;
+    PacketReaderStatistic statistic;
+    CountingReader reader(listener, statistic);
+    // Foreign and damaged packets wait like all others.
+    const std::array<Bytes, 7> datagrams = {data_packet().id(1).bytes(),
+                                            terminate_packet().id(2).bytes(),
+                                            data_packet().id(3).marker(5).bytes(),
+                                            start_packet().id(4).bytes(),
+                                            data_packet().id(5).version(9).bytes(),
+                                            data_packet().id(6).bytes(),
+                                            data_packet().id(7).bytes()};
+    for (const Bytes& datagram : datagrams) {
+        reader.read_from(datagram.data(), datagram.size());
+    }
+    for (std::size_t round = 0; round < datagrams.size(); ++round) {
+        reader.PacketReader::QueueIdleReader::run();
+    }
+    using Ids = std::vector<uint64_t>;
+    EXPECT_THAT(listener.told, ElementsAre(Ids{2, 3, 4, 5}, Ids{3, 4, 5, 6}, Ids{4, 5, 6, 7}, Ids{5, 6, 7},
+                                           Ids{6, 7}, Ids{7}));
+    EXPECT_EQ(counts_of(statistic),
+              (Counts{.bad_marker = 1, .version = 1, .start = 1, .term = 1, .data = 3}));
 }
 
 TEST_F(MediaPacketReaderTest, the_listener_gets_the_record_in_the_buffer_and_may_change_it) {

@@ -51,6 +51,20 @@ TEST(QueueTest, a_new_ring_is_empty) {
     EXPECT_EQ(queue.size(), 0u);
 }
 
+TEST(QueueTest, a_peek_shows_the_elements_in_their_order_across_the_wrap_and_takes_none) {
+    Queue<int, 4, true> queue;
+    for (int taken = 0; taken < 10; ++taken) {
+        SCOPED_TRACE(taken);
+        while (queue.push(taken + static_cast<int>(queue.size()))) {
+        }
+        for (const int distance : {0, 1, 2, 3}) {
+            EXPECT_EQ(queue.peek(static_cast<uint64_t>(distance)), taken + distance);
+        }
+        EXPECT_EQ(queue.size(), 4u);
+        EXPECT_EQ(queue.pop(), taken);
+    }
+}
+
 TEST(QueueTest, elements_come_out_in_the_order_in_which_they_went_in) {
     Queue<int, 4, true> queue;
     for (const int element : {10, 11, 12}) {
