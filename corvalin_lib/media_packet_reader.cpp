@@ -102,12 +102,12 @@ void PacketReader::look_ahead() {
     const uint64_t waiting = m_queue.size();
     if (waiting > FARTHEST) {
         const PacketBuffer& packet = *m_queue.peek(FARTHEST);
-        prefetch_to_read(&packet, sizeof(ReferenceCountable) + sizeof(PacketHeader));
-        prefetch_to_read(&packet.size, sizeof(packet.size));
+        prefetch(&packet, sizeof(ReferenceCountable) + sizeof(PacketHeader));
+        prefetch(&packet.size, sizeof(packet.size));
     }
     if (waiting >= FARTHEST) {
         const PacketBuffer& packet = *m_queue.peek(FARTHEST - 1); // its size is there by now
-        prefetch_to_read(packet.data, packet.size);
+        prefetch(packet.data, packet.size);
     }
     if (m_lookahead == nullptr || waiting == 0) {
         return;

@@ -56,7 +56,7 @@ protected:
 /// will need into the caches meanwhile. Reader thread.
 class PacketLookahead {
 public:
-    /// As many packets as are told at most.
+    /// The most packets that are told.
     static constexpr std::size_t PACKETS_AHEAD = 4;
 
     /// Comes ahead of a packet. The ids of those behind it, the next one first. None of them has been validated yet, and

@@ -45,7 +45,7 @@ public:
         const uint64_t tag = tag_of(id);
         const Shard& shard = m_shards[shard_number_of(tag)];
         if (!shard.slots.empty()) {
-            prefetch_to_read(&shard.slots[first_choice(shard, tag)], sizeof(Slot));
+            corvalin::prefetch(&shard.slots[first_choice(shard, tag)], sizeof(Slot));
         }
     }
 

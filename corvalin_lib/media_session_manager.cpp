@@ -3,7 +3,6 @@
 #include "corvalin_lib/log.h"
 #include "corvalin_lib/prefetch.h"
 
-#include <algorithm>
 #include <chrono>
 #include <iterator>
 #include <new>
@@ -134,35 +133,36 @@ bool SessionManager::on_packet_idle() {
 // What a data packet needs hangs together by pointers: with each packet that is handled, those behind it come one pointer
 // closer, and each step finds in the caches what the one before has fetched.
 void SessionManager::on_packets_ahead(std::span<const uint64_t> ids) {
-    if (ids.size() == PACKETS_AHEAD) {
-        m_index.prefetch(ids.back());
+    static_assert(PACKETS_AHEAD == 4, "a step for each");
+    if (ids.size() > 3) {
+        m_index.prefetch(ids[3]);
     }
-    for (std::size_t distance = 0; distance < std::min(ids.size(), PACKETS_AHEAD - 1); ++distance) {
-        prefetch_session(ids[distance], distance);
+    if (const Session* const session = session_ahead(ids, 2)) {
+        prefetch(session, sizeof(Session) + CACHE_LINE_BYTES); // the fields of a derived class too
+    }
+    if (const Session* const session = session_ahead(ids, 1)) {
+        prefetch(&*session->m_node, sizeof(*session->m_node));
+    }
+    if (const Session* const session = session_ahead(ids, 0)) {
+        prefetch_neighbours(session->m_node);
     }
 }
 
-void SessionManager::prefetch_session(uint64_t id, std::size_t distance) {
-    const rc_ptr<Session>* const entry = m_index.find(id);
-    if (entry == nullptr || !*entry) {
-        return;
+const Session* SessionManager::session_ahead(std::span<const uint64_t> ids, std::size_t distance) {
+    if (distance >= ids.size()) {
+        return nullptr;
     }
-    const Session& session = **entry;
-    const SessionList::iterator node = session.m_node;
-    switch (distance) {
-    case 2:
-        prefetch_to_write(&session, sizeof(Session) + CACHE_LINE_BYTES); // the fields of a derived class too
-        return;
-    case 1:
-        prefetch_to_write(&*node, sizeof(*node));
-        return;
-    default: // the neighbours that its move to the back joins
-        if (node != m_sessions.begin()) {
-            prefetch_to_write(&*std::prev(node), sizeof(*node));
-        }
-        if (std::next(node) != m_sessions.end()) {
-            prefetch_to_write(&*std::next(node), sizeof(*node));
-        }
+    const rc_ptr<Session>* const entry = m_index.find(ids[distance]);
+    return entry == nullptr ? nullptr : entry->get();
+}
+
+// A node that moves to the back writes to those on both sides of it.
+void SessionManager::prefetch_neighbours(SessionList::iterator node) {
+    if (node != m_sessions.begin()) {
+        prefetch(&*std::prev(node), sizeof(*node));
+    }
+    if (std::next(node) != m_sessions.end()) {
+        prefetch(&*std::next(node), sizeof(*node));
     }
 }
 

@@ -101,7 +101,9 @@ private:
     void remove(const rc_ptr<Session>& session);
     bool audit_and_count();
     bool remove_expired(uint64_t now);
-    void prefetch_session(uint64_t id, std::size_t distance);
+    /// The session of the packet `distance` places behind the next one; null if there is none.
+    const Session* session_ahead(std::span<const uint64_t> ids, std::size_t distance);
+    void prefetch_neighbours(SessionList::iterator node);
     bool follow_sequence(const Session& session, uint64_t seq);
     void store_session_number() { statistic().session_number.set(m_index.size()); }
 

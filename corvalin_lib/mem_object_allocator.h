@@ -52,8 +52,8 @@ public:
             // Acquire: what the last user did to the object is over before it is built anew.
             if (item.m_free.load(std::memory_order_acquire) != 0) {
                 item.m_free.store(0, std::memory_order_relaxed);
-                // It has left the caches long ago, and is here when the next datagram is.
-                prefetch_to_write(&m_items[m_next], sizeof(Item));
+                // The next item has left the caches long ago. It is fetched while its datagram is still on the way.
+                prefetch(&m_items[m_next], sizeof(Item));
                 // The zeroing is part of T's construction: a memset of the memory in front of it would be a
                 // dead store, and compilers drop it.
                 return new (item.object) T();

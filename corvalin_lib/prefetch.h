@@ -12,21 +12,12 @@ namespace corvalin {
 
 constexpr std::size_t CACHE_LINE_BYTES = 64;
 
-/// The lines of `bytes` bytes from `begin` on, for reading.
-inline void prefetch_to_read(const void* begin, std::size_t bytes) noexcept {
+/// The lines of `bytes` bytes from `begin` on.
+inline void prefetch(const void* begin, std::size_t bytes) noexcept {
     asm volatile("");
     const char* const first = static_cast<const char*>(begin);
     for (std::size_t offset = 0; offset < bytes; offset += CACHE_LINE_BYTES) {
         __builtin_prefetch(first + offset);
-    }
-}
-
-/// As above, and no other processor keeps a copy of them.
-inline void prefetch_to_write(const void* begin, std::size_t bytes) noexcept {
-    asm volatile("");
-    const char* const first = static_cast<const char*>(begin);
-    for (std::size_t offset = 0; offset < bytes; offset += CACHE_LINE_BYTES) {
-        __builtin_prefetch(first + offset, 1);
     }
 }
 
