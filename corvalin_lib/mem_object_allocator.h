@@ -8,6 +8,7 @@
 #pragma once
 
 #include "corvalin_lib/prefetch.h"
+#include "corvalin_lib/unwatched_writes.h"
 
 #include <sys/mman.h>
 
@@ -32,6 +33,7 @@ public:
         // A pool of this size costs a TLB miss for each packet in pages of 4 KiB. Only advice: its failure is
         // harmless.
         madvise(m_items, N * sizeof(Item), MADV_HUGEPAGE);
+        const UnwatchedWrites unwatched; // nobody else knows the block yet
         for (uint64_t index = 0; index < N; ++index) {
             new (&m_items[index]) Item; // no parentheses: they would zero the whole block
         }
