@@ -22,6 +22,7 @@ constexpr std::size_t DATAGRAMS =
     CORVALIN_FLOOD_DATAGRAMS;           // fewer in the instrumented presets, see CMakeLists.txt
 constexpr std::size_t DISTINCT = 50000; // made once; id and seq are drawn anew each time
 constexpr std::size_t BATCH = 64;
+constexpr std::size_t RUN = 8;          // so many of a batch are neighbours among the distinct ones
 constexpr uint32_t ROOM_BYTES = 100000; // about half of the receive buffer
 // Bounds the table, and lies above the 10000 entries from which the audit runs with every packet.
 constexpr uint64_t IDS = 20000;
@@ -121,11 +122,17 @@ TEST_F(FloodTest, a_flood_of_half_valid_datagrams_leaves_the_router_alive_and_ev
 
     std::vector<Bytes> distinct(DISTINCT);
     std::generate(distinct.begin(), distinct.end(), [this] { return datagram(); });
+    // By length, since neighbours of one length are sent for a fraction of the work.
+    std::stable_sort(distinct.begin(), distinct.end(),
+                     [](const Bytes& left, const Bytes& right) { return left.size() < right.size(); });
     UdpDiag diag;
     std::vector<Bytes> batch(BATCH);
     for (std::size_t sent = 0; sent < DATAGRAMS; sent += BATCH) {
-        for (Bytes& packet : batch) {
-            packet = distinct[below(DISTINCT)];
+        std::size_t drawn = 0;
+        for (std::size_t index = 0; index < batch.size(); ++index) {
+            drawn = index % RUN == 0 ? below(DISTINCT) : (drawn + 1) % DISTINCT;
+            Bytes& packet = batch[index];
+            packet = distinct[drawn];
             if (packet.size() >= 48) {
                 put_number(packet, offset::ID, 8, below(IDS));
                 put_number(packet, offset::SEQ, 8, sent / 1000 + below(100));

@@ -49,7 +49,8 @@ public:
     UdpSender& operator=(const UdpSender&) = delete;
 
     void send(const Bytes& datagram);
-    /// Sends all, as few system calls as may be. A datagram that the receiver has no room for is lost.
+    /// Sends all, as few system calls as may be. Neighbours of one size cost least. A datagram that the receiver has no
+    /// room for is lost.
     void send_all(const std::vector<Bytes>& datagrams);
 
 private:
