@@ -77,5 +77,5 @@ run_tests() {
     if [ "$1" != fuzz ]; then
         prepare_kafka
     fi
-    ctest --preset "$1" -j "$((JOBS * 2))"
+    ctest --preset "$1" -j "$((JOBS * 4))"
 }
