@@ -27,6 +27,7 @@ public:
         AnnotateIgnoreWritesEnd(__FILE__, __LINE__);
     }
 #else
+    // Not defaulted: an object that does nothing would be taken for one that is not used.
     UnwatchedWrites() {
     }
     ~UnwatchedWrites() {
