@@ -1,14 +1,12 @@
 #include "tests/support/system/udp.h"
 
 #include <netinet/in.h>
-#include <netinet/udp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <system_error>
 #include <utility>
 
@@ -18,8 +16,7 @@ namespace {
 
 constexpr std::size_t MAX_DATAGRAM_BYTES = 65536;
 constexpr int RECEIVE_BUFFER_BYTES = 8 << 20;
-constexpr std::size_t MAX_SEGMENTS = 64;
-constexpr std::size_t MAX_PAYLOAD_BYTES = 65507; // of UDP over IPv4
+constexpr std::size_t BATCH = 64;
 
 [[noreturn]] void fail(const char* what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -39,31 +36,6 @@ sockaddr_in loopback(uint16_t port) {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(port);
     return address;
-}
-
-// The ancillary data that makes the kernel cut one message into datagrams of `size` bytes, see udp(7).
-struct SegmentSize {
-    void set(uint16_t size) {
-        auto* const header = reinterpret_cast<cmsghdr*>(control);
-        header->cmsg_level = SOL_UDP;
-        header->cmsg_type = UDP_SEGMENT;
-        header->cmsg_len = CMSG_LEN(sizeof(size));
-        std::memcpy(CMSG_DATA(header), &size, sizeof(size));
-    }
-
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(uint16_t))] = {};
-};
-
-// How many buffers from `begin` on can go to the kernel as one message: neighbours of one size.
-std::size_t length_of_run(const std::vector<iovec>& buffers, std::size_t begin) {
-    const std::size_t size = buffers[begin].iov_len;
-    const std::size_t most =
-        size == 0 ? 1 : std::clamp<std::size_t>(MAX_PAYLOAD_BYTES / size, 1, MAX_SEGMENTS);
-    std::size_t end = begin + 1;
-    while (end < buffers.size() && end - begin < most && buffers[end].iov_len == size) {
-        ++end;
-    }
-    return end - begin;
 }
 
 } // namespace
@@ -149,33 +121,19 @@ void UdpSender::send(const Bytes& datagram) {
 }
 
 void UdpSender::send_all(const std::vector<Bytes>& datagrams) {
-    std::vector<iovec> buffers(datagrams.size());
-    std::transform(datagrams.begin(), datagrams.end(), buffers.begin(), [](const Bytes& datagram) {
-        return iovec{const_cast<uint8_t*>(datagram.data()), datagram.size()};
-    });
-    std::vector<SegmentSize> sizes(datagrams.size());
-    std::vector<mmsghdr> messages;
-    for (std::size_t begin = 0; begin < buffers.size();) {
-        const std::size_t count = length_of_run(buffers, begin);
-        msghdr message{};
-        message.msg_iov = &buffers[begin];
-        message.msg_iovlen = count;
-        if (count > 1) {
-            sizes[begin].set(static_cast<uint16_t>(buffers[begin].iov_len));
-            message.msg_control = sizes[begin].control;
-            message.msg_controllen = sizeof(sizes[begin].control);
-        }
-        messages.push_back({message, 0});
-        begin += count;
+    if (!m_batch) {
+        m_batch.emplace(m_socket, BATCH, tools::SendBatch::SEGMENTS_MAX);
     }
-    for (std::size_t sent = 0; sent < messages.size();) {
-        const int result =
-            sendmmsg(m_socket, &messages[sent], static_cast<unsigned int>(messages.size() - sent), 0);
-        if (result < 0 && errno != ECONNREFUSED) {
-            fail("sendmmsg");
+    for (const Bytes& datagram : datagrams) {
+        if (datagram.size() <= tools::SendBatch::SLOT_BYTES) {
+            std::copy(datagram.begin(), datagram.end(), m_batch->slot());
+            m_batch->commit(datagram.size());
+        } else {
+            m_batch->flush(); // those before it first
+            send(datagram);
         }
-        sent += result > 0 ? static_cast<std::size_t>(result) : 0;
     }
+    m_batch->flush();
 }
 
 } // namespace corvalin::test

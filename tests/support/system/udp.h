@@ -6,6 +6,7 @@
 #pragma once
 
 #include "tests/support/packet_builder.h"
+#include "tools/tool_support/udp_batch.h"
 
 #include <chrono>
 #include <cstdint>
@@ -49,12 +50,13 @@ public:
     UdpSender& operator=(const UdpSender&) = delete;
 
     void send(const Bytes& datagram);
-    /// Sends all, as few system calls as may be. Neighbours of one size cost least. A datagram that the receiver has no
-    /// room for is lost.
+    /// Sends all, as few system calls as may be. Neighbours of one size cost least, as they share a send. A datagram that
+    /// the receiver has no room for is lost.
     void send_all(const std::vector<Bytes>& datagrams);
 
 private:
     int m_socket = -1;
+    std::optional<tools::SendBatch> m_batch; // from the first send_all on
 };
 
 } // namespace corvalin::test
