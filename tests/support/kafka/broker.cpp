@@ -39,6 +39,12 @@ Broker::Broker(std::vector<std::string> command, std::chrono::milliseconds start
                              m_process.err());
 }
 
+// Killed, the process could not remove what its broker has stored.
+Broker::~Broker() {
+    m_process.close_input();
+    m_process.wait();
+}
+
 void Broker::command(const std::string& line) {
     m_process.write_line(line);
     const std::string answer = m_process.read_line(m_start_limit);

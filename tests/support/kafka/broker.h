@@ -28,7 +28,8 @@ public:
 
 class Broker {
 public:
-    virtual ~Broker() = default;
+    /// Waits for the end of the process, which takes its files with it.
+    virtual ~Broker();
     Broker(const Broker&) = delete;
     Broker& operator=(const Broker&) = delete;
 

@@ -75,10 +75,14 @@ std::string KafkaRouter::versions_request() const {
 std::unique_ptr<Broker> KafkaTest::s_broker;
 std::optional<BrokerKind> KafkaTest::s_kind;
 
+void KafkaTest::end_broker() {
+    s_broker.reset();
+    s_kind.reset();
+}
+
 void KafkaTest::SetUp() {
     if (s_kind != GetParam()) {
-        s_broker.reset();
-        s_kind.reset();
+        end_broker();
         try {
             s_broker = start_broker(GetParam());
         } catch (const BrokerUnavailable& reason) {

@@ -58,6 +58,10 @@ private:
 };
 
 class KafkaTest : public ::testing::TestWithParam<BrokerKind> {
+public:
+    /// Ends the broker that the tests share, before the process does.
+    static void end_broker();
+
 protected:
     /// Skips where the broker cannot be had; in CI that is a failure.
     void SetUp() override;
