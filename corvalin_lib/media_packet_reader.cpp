@@ -100,6 +100,9 @@ void PacketReader::on_queue_read(rc_ptr<PacketBuffer> packet) {
 void PacketReader::look_ahead() {
     constexpr uint64_t FARTHEST = PacketLookahead::PACKETS_AHEAD;
     const uint64_t waiting = m_queue.size();
+    if (waiting > 2 * FARTHEST) { // nearer to its end the producer is at work
+        prefetch(&m_queue.peek(2 * FARTHEST), sizeof(rc_ptr<PacketBuffer>));
+    }
     if (waiting > FARTHEST) {
         const PacketBuffer& packet = *m_queue.peek(FARTHEST);
         prefetch(&packet, sizeof(ReferenceCountable) + sizeof(PacketHeader));

@@ -57,7 +57,7 @@ protected:
 class PacketLookahead {
 public:
     /// The most packets that are told.
-    static constexpr std::size_t PACKETS_AHEAD = 4;
+    static constexpr std::size_t PACKETS_AHEAD = 5;
 
     /// Comes ahead of a packet. The ids of those behind it, the next one first. None of them has been validated yet, and
     /// it may be that none of them is ever handled: nothing that can be observed may come of it.

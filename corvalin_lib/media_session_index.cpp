@@ -25,6 +25,7 @@ SessionIndex::SessionIndex() : m_key(random_key()) {
 }
 
 void SessionIndex::insert(uint64_t id, rc_ptr<Session> session) {
+    forget_entries();
     const uint64_t tag = tag_of(id);
     Shard& shard = shard_of(tag);
     if ((shard.used + 1) * 4 > shard.slots.size() * 3) {
@@ -51,6 +52,7 @@ void SessionIndex::grow(Shard& shard) {
 }
 
 void SessionIndex::erase(uint64_t id) noexcept {
+    forget_entries();
     const uint64_t tag = tag_of(id);
     Shard& shard = shard_of(tag);
     if (shard.slots.empty()) {
@@ -75,6 +77,7 @@ void SessionIndex::erase(uint64_t id) noexcept {
 }
 
 void SessionIndex::clear() noexcept {
+    forget_entries();
     for (Shard& shard : m_shards) {
         shard = Shard();
     }

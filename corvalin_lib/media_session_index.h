@@ -31,19 +31,22 @@ public:
 
     /// The entry of `id`, or null. The pointer is good until the next insertion or removal.
     rc_ptr<Session>* find(uint64_t id) noexcept {
-        const uint64_t tag = tag_of(id);
-        Shard& shard = shard_of(tag);
-        if (shard.slots.empty()) {
-            return nullptr;
+        Recent& recent = recent_of(id);
+        if (recent.entry == nullptr) {
+            recent.entry = find_in(shard_of(recent.tag), id, recent.tag);
         }
-        Slot& slot = shard.slots[position_of(shard, id, tag)];
-        return slot.tag == 0 ? nullptr : &slot.session;
+        return recent.entry;
+    }
+
+    /// Fetches the shard of `id` into the caches: what leads to its slot.
+    void prefetch_shard(uint64_t id) noexcept {
+        corvalin::prefetch(&shard_of(recent_of(id).tag), sizeof(Shard));
     }
 
     /// Fetches the slot of `id` into the caches.
-    void prefetch(uint64_t id) const noexcept {
-        const uint64_t tag = tag_of(id);
-        const Shard& shard = m_shards[shard_number_of(tag)];
+    void prefetch_slot(uint64_t id) noexcept {
+        const uint64_t tag = recent_of(id).tag;
+        const Shard& shard = shard_of(tag);
         if (!shard.slots.empty()) {
             corvalin::prefetch(&shard.slots[first_choice(shard, tag)], sizeof(Slot));
         }
@@ -63,15 +66,43 @@ private:
         uint64_t id = 0;
         rc_ptr<Session> session;
     };
-    struct Shard {
+    struct alignas(32) Shard {
         std::vector<Slot> slots; // a power of two of them, or none
         std::size_t used = 0;
+    };
+    // Each id is asked for in several rounds, step by step ahead of its packet and then with it. One hash and one search
+    // serve them all.
+    struct Recent {
+        uint64_t id = 0;
+        uint64_t tag = 0;                 // 0 where no id is kept yet
+        rc_ptr<Session>* entry = nullptr; // null where none has been found
     };
 
     static constexpr int SHARD_BITS = 8;
     static constexpr std::size_t SLOTS_MIN = 8;
+    static constexpr std::size_t RECENT_MAX = 8; // above the number of packets that are looked ahead at
 
     uint64_t tag_of(uint64_t id) const noexcept { return utils::siphash<1, 3>(m_key, id) | 1; }
+    Recent& recent_of(uint64_t id) noexcept {
+        Recent& recent = m_recent[id % RECENT_MAX];
+        if (recent.id != id || recent.tag == 0) {
+            recent = {id, tag_of(id), nullptr};
+        }
+        return recent;
+    }
+    static rc_ptr<Session>* find_in(Shard& shard, uint64_t id, uint64_t tag) noexcept {
+        if (shard.slots.empty()) {
+            return nullptr;
+        }
+        Slot& slot = shard.slots[position_of(shard, id, tag)];
+        return slot.tag == 0 ? nullptr : &slot.session;
+    }
+    // Entries move when one of them comes or goes.
+    void forget_entries() noexcept {
+        for (Recent& recent : m_recent) {
+            recent.entry = nullptr;
+        }
+    }
     static std::size_t shard_number_of(uint64_t tag) noexcept { return tag >> (64 - SHARD_BITS); }
     Shard& shard_of(uint64_t tag) noexcept { return m_shards[shard_number_of(tag)]; }
 
@@ -92,6 +123,7 @@ private:
 
     const utils::SipHashKey m_key;
     uint64_t m_size = 0;
+    std::array<Recent, RECENT_MAX> m_recent;
     std::array<Shard, std::size_t{1} << SHARD_BITS> m_shards;
 };
 

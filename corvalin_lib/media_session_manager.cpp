@@ -133,9 +133,12 @@ bool SessionManager::on_packet_idle() {
 // What a data packet needs hangs together by pointers: with each packet that is handled, those behind it come one pointer
 // closer, and each step finds in the caches what the one before has fetched.
 void SessionManager::on_packets_ahead(std::span<const uint64_t> ids) {
-    static_assert(PACKETS_AHEAD == 4, "a step for each");
+    static_assert(PACKETS_AHEAD == 5, "a step for each");
+    if (ids.size() > 4) {
+        m_index.prefetch_shard(ids[4]);
+    }
     if (ids.size() > 3) {
-        m_index.prefetch(ids[3]);
+        m_index.prefetch_slot(ids[3]);
     }
     if (const Session* const session = session_ahead(ids, 2)) {
         prefetch(session, sizeof(Session) + CACHE_LINE_BYTES); // the fields of a derived class too
@@ -148,7 +151,7 @@ void SessionManager::on_packets_ahead(std::span<const uint64_t> ids) {
     }
 }
 
-const Session* SessionManager::session_ahead(std::span<const uint64_t> ids, std::size_t distance) {
+const Session* SessionManager::session_ahead(std::span<const uint64_t> ids, std::size_t distance) noexcept {
     if (distance >= ids.size()) {
         return nullptr;
     }

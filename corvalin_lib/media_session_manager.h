@@ -93,6 +93,9 @@ protected:
     /// Builds a zombie and enters it in the table.
     void setup_zombie(const PacketHeader& header);
 
+    /// The session of `ids[distance]`; null if there is none.
+    const Session* session_ahead(std::span<const uint64_t> ids, std::size_t distance) noexcept;
+
     SessionList m_sessions;
     SessionIndex m_index;
 
@@ -101,8 +104,6 @@ private:
     void remove(const rc_ptr<Session>& session);
     bool audit_and_count();
     bool remove_expired(uint64_t now);
-    /// The session of the packet `distance` places behind the next one; null if there is none.
-    const Session* session_ahead(std::span<const uint64_t> ids, std::size_t distance);
     void prefetch_neighbours(SessionList::iterator node);
     bool follow_sequence(const Session& session, uint64_t seq);
     void store_session_number() { statistic().session_number.set(m_index.size()); }

@@ -1,6 +1,7 @@
 #include "router/routing_manager.h"
 
 #include "corvalin_lib/log.h"
+#include "corvalin_lib/prefetch.h"
 #include "router/statistic_service.h"
 
 #include <new>
@@ -77,6 +78,19 @@ void RoutingManager::on_session_media(rc_ptr<media::Session> session, media::Dat
 
 void RoutingManager::on_session_terminated(rc_ptr<media::Session> session, media::TerminatePacket& packet) {
     forward(*session, packet);
+}
+
+// The address is the last thing that a packet needs: the session that holds the list has been fetched by now.
+void RoutingManager::on_packets_ahead(std::span<const uint64_t> ids) {
+    SessionManager::on_packets_ahead(ids);
+    const media::Session* const session = session_ahead(ids, 1);
+    if (session == nullptr || session->m_zombie) {
+        return;
+    }
+    const std::list<net::HostAddr>& hosts = static_cast<const RoutingSession*>(session)->m_hosts;
+    if (!hosts.empty()) {
+        prefetch(&hosts.front(), sizeof(net::HostAddr));
+    }
 }
 
 std::list<net::HostAddr> RoutingManager::assign_hosts(const media::StartPacket& packet) {

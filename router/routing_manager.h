@@ -19,6 +19,7 @@
 
 #include <cstdint>
 #include <list>
+#include <span>
 
 namespace corvalin::router {
 
@@ -45,6 +46,7 @@ public:
     void on_session_created(rc_ptr<media::Session> session, media::StartPacket& packet) override;
     void on_session_media(rc_ptr<media::Session> session, media::DataPacket& packet) override;
     void on_session_terminated(rc_ptr<media::Session> session, media::TerminatePacket& packet) override;
+    void on_packets_ahead(std::span<const uint64_t> ids) override;
 
 private:
     std::list<net::HostAddr> assign_hosts(const media::StartPacket& packet);

@@ -410,18 +410,19 @@ TEST_F(MediaPacketReaderTest, nothing_is_done_when_a_wait_has_run_out) {
     EXPECT_THAT(m_listener.packets, IsEmpty());
 }
 
-TEST_F(MediaPacketReaderTest, a_listener_that_looks_ahead_is_told_up_to_four_ids_of_the_packets_that_wait) {
+TEST_F(MediaPacketReaderTest, a_listener_that_looks_ahead_is_told_up_to_five_ids_of_the_packets_that_wait) {
     LookingAheadListener listener;
     PacketReaderStatistic statistic;
     CountingReader reader(listener, statistic);
     // Foreign and damaged packets wait like all others.
-    const std::array<Bytes, 7> datagrams = {data_packet().id(1).bytes(),
+    const std::array<Bytes, 8> datagrams = {data_packet().id(1).bytes(),
                                             terminate_packet().id(2).bytes(),
                                             data_packet().id(3).marker(5).bytes(),
                                             start_packet().id(4).bytes(),
                                             data_packet().id(5).version(9).bytes(),
                                             data_packet().id(6).bytes(),
-                                            data_packet().id(7).bytes()};
+                                            data_packet().id(7).bytes(),
+                                            data_packet().id(8).bytes()};
     for (const Bytes& datagram : datagrams) {
         reader.read_from(datagram.data(), datagram.size());
     }
@@ -429,10 +430,10 @@ TEST_F(MediaPacketReaderTest, a_listener_that_looks_ahead_is_told_up_to_four_ids
         reader.PacketReader::QueueIdleReader::run();
     }
     using Ids = std::vector<uint64_t>;
-    EXPECT_THAT(listener.told, ElementsAre(Ids{2, 3, 4, 5}, Ids{3, 4, 5, 6}, Ids{4, 5, 6, 7}, Ids{5, 6, 7},
-                                           Ids{6, 7}, Ids{7}));
+    EXPECT_THAT(listener.told, ElementsAre(Ids{2, 3, 4, 5, 6}, Ids{3, 4, 5, 6, 7}, Ids{4, 5, 6, 7, 8},
+                                           Ids{5, 6, 7, 8}, Ids{6, 7, 8}, Ids{7, 8}, Ids{8}));
     EXPECT_EQ(counts_of(statistic),
-              (Counts{.bad_marker = 1, .version = 1, .start = 1, .term = 1, .data = 3}));
+              (Counts{.bad_marker = 1, .version = 1, .start = 1, .term = 1, .data = 4}));
 }
 
 TEST_F(MediaPacketReaderTest, the_listener_gets_the_record_in_the_buffer_and_may_change_it) {

@@ -102,6 +102,44 @@ TEST_F(MediaSessionIndexTest, an_id_may_come_back_with_another_session) {
     EXPECT_EQ(m_index->size(), 1u);
 }
 
+TEST_F(MediaSessionIndexTest, an_entry_that_was_asked_for_is_found_where_it_has_moved_to) {
+    constexpr uint64_t OTHERS = 20'000;
+    const rc_ptr<Session> watched = session(7);
+    EXPECT_EQ(m_index->find(7), nullptr);
+    m_index->insert(7, watched);
+    for (uint64_t id = 100; id < 100 + OTHERS; ++id) {
+        ASSERT_EQ(found(7), watched.get()) << "ahead of " << id;
+        insert(id); // its shard has grown by now and then
+    }
+    for (uint64_t id = 100; id < 100 + OTHERS; ++id) {
+        ASSERT_EQ(found(7), watched.get()) << "ahead of the end of " << id;
+        m_index->erase(id); // what stood behind it moves up
+    }
+    EXPECT_EQ(found(7), watched.get());
+    m_index->erase(7);
+    EXPECT_EQ(m_index->find(7), nullptr);
+    m_index->insert(7, watched);
+    EXPECT_EQ(found(7), watched.get());
+    m_index->clear();
+    EXPECT_EQ(m_index->find(7), nullptr);
+}
+
+TEST_F(MediaSessionIndexTest, ids_that_share_a_place_among_the_recent_ones_keep_their_entries) {
+    std::vector<rc_ptr<Session>> sessions;
+    for (uint64_t number = 0; number < 4; ++number) {
+        sessions.push_back(session(number * 64));
+        m_index->insert(number * 64, sessions.back());
+    }
+    for (int round = 0; round < 3; ++round) {
+        for (uint64_t number = 0; number < 4; ++number) {
+            m_index->prefetch_shard((number + 1) % 4 * 64);
+            m_index->prefetch_slot((number + 2) % 4 * 64);
+            EXPECT_EQ(found(number * 64), sessions[number].get());
+            EXPECT_EQ(m_index->find(number * 64 + 8), nullptr);
+        }
+    }
+}
+
 TEST_F(MediaSessionIndexTest, clear_and_the_end_of_the_table_let_go_of_all_sessions) {
     const rc_ptr<Session> first = session(1);
     const rc_ptr<Session> second = session(2);

@@ -407,7 +407,7 @@ TEST_F(MediaSessionManagerTest, a_hook_may_rewrite_the_packet_without_harm_to_th
 TEST_F(MediaSessionManagerTest, a_session_in_the_table_that_is_null_is_reported_and_left_alone) {
     m_manager->enter_null(7);
     const CapturedLog captured;
-    m_manager->on_packets_ahead(std::array<uint64_t, 4>{7, 7, 7, 7});
+    m_manager->on_packets_ahead(std::array<uint64_t, 5>{7, 7, 7, 7, 7});
     data(data_packet().id(7).seq(1));
     terminate(terminate_packet().id(7).seq(2));
     const std::string uuid = DEFAULT_UUID_TEXT;
@@ -1030,19 +1030,19 @@ private:
 };
 
 TEST_F(MediaSessionManagerTest, what_waits_in_the_ring_may_be_anything_and_changes_nothing) {
-    constexpr std::array<uint64_t, 4> AHEAD = {1, 2, 3, 4};
-    const auto tell = [this](std::array<uint64_t, 4> ids) {
+    constexpr std::array<uint64_t, 5> AHEAD = {1, 2, 3, 4, 5};
+    const auto tell = [this](std::array<uint64_t, 5> ids) {
         for (std::size_t number = 1; number <= ids.size(); ++number) {
             m_manager->on_packets_ahead(std::span(ids).first(number));
         }
     };
     tell(AHEAD); // an empty table
     start(start_packet().id(1).seq(10));
-    tell({1, 1, 1, 1}); // a session without neighbours
+    tell({1, 1, 1, 1, 1}); // a session without neighbours
     start(start_packet().id(2).seq(20));
     data(data_packet().id(3)); // a zombie
-    for (std::array<uint64_t, 4> ids = AHEAD; std::next_permutation(ids.begin(), ids.end());) {
-        tell(ids); // the first and the last of the list, one that is in no table
+    for (std::array<uint64_t, 5> ids = AHEAD; std::next_permutation(ids.begin(), ids.end());) {
+        tell(ids); // the first and the last of the list, two that are in no table
     }
     EXPECT_THAT(m_manager->order(), ElementsAre(1, 2, 3));
     EXPECT_THAT(m_manager->calls, ElementsAre(Call{"created", 1, 10}, Call{"created", 2, 20}));
@@ -1068,7 +1068,8 @@ TEST_F(MediaSessionManagerTest, random_traffic_agrees_with_a_model) {
         const uint64_t mt = random() % 8 == 0 ? random() : random() % 400'000'000;
         TestClock::now_us += static_cast<int64_t>(random() % 40'000'000);
         const auto now_us = static_cast<uint64_t>(TestClock::now_us);
-        const std::array<uint64_t, 4> ahead = {random() % 24, random() % 24, random() % 24, random() % 24};
+        std::array<uint64_t, 5> ahead;
+        std::generate(ahead.begin(), ahead.end(), [&] { return random() % 24; });
         m_manager->on_packets_ahead(std::span(ahead).first(random() % (ahead.size() + 1)));
         switch (random() % 8) {
         case 0:

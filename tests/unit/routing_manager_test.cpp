@@ -11,6 +11,7 @@
 #include <initializer_list>
 #include <list>
 #include <memory>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -497,6 +498,28 @@ TEST_F(RoutingManagerTest, a_zombie_forwards_nothing) {
 
     EXPECT_THAT(node.received(), IsEmpty());
     EXPECT_EQ(m_statistic.zombie_number.value(), 1u);
+}
+
+TEST_F(RoutingManagerTest, looking_ahead_at_a_session_of_any_kind_sends_nothing_and_changes_nothing) {
+    Node node;
+    m_manager->set_media_hosts({node.address()});
+    m_manager->set_writer_hosts({node.address()});
+    deliver(start_packet().id(1).flags(WRITER | MEDIA).seq(1).bytes());
+    deliver(start_packet().id(2).flags(0).seq(1).bytes());
+    deliver(data_packet().id(3).flags(WRITER | MEDIA).seq(1).bytes()); // a zombie: no session with hosts
+    ASSERT_EQ(node.received().size(), 2u);
+
+    constexpr std::array<uint64_t, 5> IDS = {1, 2, 3, 4, 5};
+    for (std::size_t first = 0; first < IDS.size(); ++first) {
+        for (std::size_t last = first; last <= IDS.size(); ++last) {
+            m_manager->on_packets_ahead(std::span(IDS).subspan(first, last - first));
+        }
+    }
+
+    EXPECT_THAT(node.received(), IsEmpty());
+    EXPECT_EQ(m_statistic.session_number.value(), 3u);
+    EXPECT_EQ(m_statistic.unknown_index_errors.value(), 1u) << "of the zombie's packet";
+    EXPECT_EQ(seq_of(deliver(data_packet().id(1).seq(2).bytes())), 2u);
 }
 
 TEST_F(RoutingManagerTest, a_running_session_keeps_its_nodes_when_the_lists_change) {
