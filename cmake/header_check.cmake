@@ -1,6 +1,6 @@
 # corvalin_check_headers(<target> <headers>...): compiles each header alone, so that none leans on what another
 # file happened to include before it. The objects are built with the default target and linked into nothing.
-# One build of them is enough: the presets with instrumentation leave them out.
+# One build of them is enough: the presets `debug` and `clang` have it.
 function(corvalin_check_headers target)
     if(NOT CORVALIN_CHECK_HEADERS)
         return()
