@@ -71,11 +71,16 @@ install_test_packages() {
     install_packages nftables
 }
 
-# run_tests <preset>: tests wait more than they work, so more of them run at once than there are processors.
+# run_tests <preset>: tests wait more than they work, so more of them run at once than there are processors; fewer of them
+# where they work more.
 run_tests() {
+    local at_once=$((JOBS * 4))
+    if [ "$1" = release ]; then
+        at_once=$((JOBS * 6))
+    fi
     install_test_packages
     if [ "$1" != fuzz ]; then
         prepare_kafka
     fi
-    ctest --preset "$1" -j "$((JOBS * 4))"
+    ctest --preset "$1" -j "$at_once"
 }
