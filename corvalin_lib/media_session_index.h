@@ -80,11 +80,13 @@ private:
 
     static constexpr int SHARD_BITS = 8;
     static constexpr std::size_t SLOTS_MIN = 8;
-    static constexpr std::size_t RECENT_MAX = 8; // above the number of packets that are looked ahead at
+    static constexpr int RECENT_BITS = 4; // more places than packets that are looked ahead at
 
     uint64_t tag_of(uint64_t id) const noexcept { return utils::siphash<1, 3>(m_key, id) | 1; }
     Recent& recent_of(uint64_t id) noexcept {
-        Recent& recent = m_recent[id % RECENT_MAX];
+        // Spread by a multiplication (Fibonacci hashing: D. E. Knuth, The Art of Computer Programming 3, 6.4), as the ids of
+        // a sender may well be multiples of something. Ids that meet here all the same cost a hash and a search each.
+        Recent& recent = m_recent[(id * 0x9e3779b97f4a7c15) >> (64 - RECENT_BITS)];
         if (recent.id != id || recent.tag == 0) {
             recent = {id, tag_of(id), nullptr};
         }
@@ -123,7 +125,7 @@ private:
 
     const utils::SipHashKey m_key;
     uint64_t m_size = 0;
-    std::array<Recent, RECENT_MAX> m_recent;
+    std::array<Recent, std::size_t{1} << RECENT_BITS> m_recent;
     std::array<Shard, std::size_t{1} << SHARD_BITS> m_shards;
 };
 

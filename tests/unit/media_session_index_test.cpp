@@ -124,18 +124,18 @@ TEST_F(MediaSessionIndexTest, an_entry_that_was_asked_for_is_found_where_it_has_
     EXPECT_EQ(m_index->find(7), nullptr);
 }
 
-TEST_F(MediaSessionIndexTest, ids_that_share_a_place_among_the_recent_ones_keep_their_entries) {
+TEST_F(MediaSessionIndexTest, more_ids_than_are_remembered_keep_their_entries) {
+    constexpr uint64_t IDS = 100; // known and unknown ones by turns
     std::vector<rc_ptr<Session>> sessions;
-    for (uint64_t number = 0; number < 4; ++number) {
-        sessions.push_back(session(number * 64));
-        m_index->insert(number * 64, sessions.back());
+    for (uint64_t id = 0; id < IDS; id += 2) {
+        sessions.push_back(session(id));
+        m_index->insert(id, sessions.back());
     }
     for (int round = 0; round < 3; ++round) {
-        for (uint64_t number = 0; number < 4; ++number) {
-            m_index->prefetch_shard((number + 1) % 4 * 64);
-            m_index->prefetch_slot((number + 2) % 4 * 64);
-            EXPECT_EQ(found(number * 64), sessions[number].get());
-            EXPECT_EQ(m_index->find(number * 64 + 8), nullptr);
+        for (uint64_t id = 0; id < IDS; ++id) {
+            m_index->prefetch_shard((id + 1) % IDS);
+            m_index->prefetch_slot((id + 2) % IDS);
+            EXPECT_EQ(found(id), id % 2 == 0 ? sessions[id / 2].get() : nullptr) << id;
         }
     }
 }
