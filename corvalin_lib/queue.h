@@ -9,8 +9,6 @@
 // publishes the slot that it has just filled or emptied, and the other side's acquire load sees that slot.
 #pragma once
 
-#include "corvalin_lib/prefetch.h"
-
 #include <pthread.h>
 
 #include <atomic>
@@ -51,8 +49,6 @@ public:
         }
         m_ring[write_index % Capacity] = std::move(element);
         m_write_index.store(write_index + 1, std::memory_order_release); // publishes the filled slot
-        // The slots ahead have left this processor's caches: it last wrote to them a whole round ago.
-        prefetch(&m_ring[(write_index + SLOTS_AHEAD) % Capacity], sizeof(T));
         // Relaxed: when this look and the consumer's setting of the flag cross, the consumer sleeps with an
         // element in the ring until its wait ends. A fence would close that gap at the price of one per
         // element.
@@ -102,8 +98,6 @@ public:
     }
 
 private:
-    static constexpr uint64_t SLOTS_AHEAD = 8;
-
     static timespec monotonic_time_in(uint64_t timeout_ns) noexcept {
         constexpr uint64_t NS_PER_S = 1'000'000'000;
         timespec now{};
