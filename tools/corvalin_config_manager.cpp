@@ -266,167 +266,167 @@ int run(Options& options) {
     return service.run(files) ? EXIT_OK : EXIT_REFUSED;
 }
 
-void add_kafka_options(CLI::App& command, Options& options) {
+void add_kafka_options(Command& command, Options& options) {
     command
         .add_option("--kafka-config", options.kafka_config,
                     "Kafka configuration of the routers, for what the next three do not say")
-        ->capture_default_str()
-        ->type_name("FILE");
+        .show_default()
+        .type_name("FILE");
     command.add_option("--broker", options.broker, "Brokers, as host:port joined by commas");
     command.add_option("--request-topic", options.topics.request, "Topic on which routers ask");
     command.add_option("--broadcast-topic", options.topics.broadcast, "Topic to which all routers listen");
     command.add_flag("--verbose", options.verbose, "Show all that the messaging logs");
 }
 
-void add_state(CLI::App& command, Options& options) {
-    command.add_option("--state", options.state, "File that keeps the versions")->capture_default_str();
+void add_state(Command& command, Options& options) {
+    command.add_option("--state", options.state, "File that keeps the versions").show_default();
 }
 
-void add_first_version(CLI::App& command, Options& options) {
+void add_first_version(Command& command, Options& options) {
     command
         .add_option("--first-version", options.first_version,
                     "The least version to use: above all that routers have, should the state be lost")
-        ->capture_default_str()
-        ->check(CLI::Range(uint64_t{1}, std::numeric_limits<uint64_t>::max()));
+        .show_default()
+        .range(uint64_t{1}, std::numeric_limits<uint64_t>::max());
 }
 
 /// What each verb takes that gives routers a new version of a list.
-void add_versions_and_kafka(CLI::App& command, Options& options) {
+void add_versions_and_kafka(Command& command, Options& options) {
     add_state(command, options);
     add_first_version(command, options);
     add_kafka_options(command, options);
 }
 
-void add_kind(CLI::App& command, Options& options) {
-    command.add_option("KIND", options.kind, "media or writer")
-        ->required()
-        ->check(CLI::IsMember({"media", "writer"}));
+void add_kind(Command& command, Options& options) {
+    command.add_option("KIND", options.kind, "media or writer").required().one_of({"media", "writer"});
 }
 
-void add_allow_empty(CLI::App& command, Options& options) {
+void add_allow_empty(Command& command, Options& options) {
     command.add_flag("--allow-empty", options.allow_empty, "Publish an empty list without asking");
 }
 
-void add_list(CLI::App& command, Options& options) {
-    command.add_option("FILE", options.file, "The list")->required()->check(CLI::ExistingFile);
+void add_list(Command& command, Options& options) {
+    command.add_option("FILE", options.file, "The list").required().existing_file();
 }
 
 struct Verb {
-    CLI::App* command; // owned by the application
+    Command command; // borrowed
     int (*function)(Options&);
 };
 
-Verb add_run(CLI::App& app, Options& options) {
-    CLI::App& command = *app.add_subcommand("run", "Publish the lists of files, follow them, answer routers");
+Verb add_run(CommandLine& command_line, Options& options) {
+    Command command = command_line.add_verb("run", "Publish the lists of files, follow them, answer routers");
     command.add_option("--media", options.media_file, "File with the media nodes")
-        ->type_name("FILE")
-        ->check(CLI::ExistingFile);
+        .type_name("FILE")
+        .existing_file();
     command.add_option("--writer", options.writer_file, "File with the writer nodes")
-        ->type_name("FILE")
-        ->check(CLI::ExistingFile);
+        .type_name("FILE")
+        .existing_file();
     command.add_option("--poll-ms", options.poll_ms, "How often the files are looked at")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 60'000));
+        .show_default()
+        .range(1, 60'000);
     command.add_flag("--allow-empty", options.allow_empty,
                      "Publish an empty list without asking, also when a file changes to one");
     add_versions_and_kafka(command, options);
     command.footer(
         "All files are checked before anything is sent. A file that changes to a list that must not reach a\n"
         "router is told and left alone: routers keep what they have. Ends by SIGTERM and SIGINT.");
-    return {&command, &run};
+    return {command, &run};
 }
 
-Verb add_check(CLI::App& app, Options& options) {
-    CLI::App& command = *app.add_subcommand("check", "Check files; sends nothing");
-    command.add_option("FILE", options.files, "Lists to check")->required()->check(CLI::ExistingFile);
-    return {&command, &check};
+Verb add_check(CommandLine& command_line, Options& options) {
+    Command command = command_line.add_verb("check", "Check files; sends nothing");
+    command.add_option("FILE", options.files, "Lists to check").required().existing_file();
+    return {command, &check};
 }
 
-Verb add_publish(CLI::App& app, Options& options) {
-    CLI::App& command = *app.add_subcommand("publish", "Send one list under a new version");
+Verb add_publish(CommandLine& command_line, Options& options) {
+    Command command = command_line.add_verb("publish", "Send one list under a new version");
     add_kind(command, options);
     add_list(command, options);
     add_allow_empty(command, options);
     add_versions_and_kafka(command, options);
     command.footer("May be used beside a running manager, which answers with the new list from then on.");
-    return {&command, &publish};
+    return {command, &publish};
 }
 
-Verb add_rollback(CLI::App& app, Options& options) {
-    CLI::App& command = *app.add_subcommand("rollback", "Send an earlier list under a new version");
+Verb add_rollback(CommandLine& command_line, Options& options) {
+    Command command = command_line.add_verb("rollback", "Send an earlier list under a new version");
     add_kind(command, options);
     command
         .add_option("--to", options.to_version, "Version of the list; without it the one before the latest")
-        ->check(CLI::Range(uint64_t{1}, std::numeric_limits<uint64_t>::max()));
+        .range(uint64_t{1}, std::numeric_limits<uint64_t>::max());
     add_allow_empty(command, options);
     add_versions_and_kafka(command, options);
     command.footer("May be used beside a running manager. Two rollbacks go back by two lists. A file that "
                    "still holds the\n"
                    "list that was taken back is not published again until it changes.");
-    return {&command, &rollback};
+    return {command, &rollback};
 }
 
-Verb add_announce(CLI::App& app, Options& options) {
-    CLI::App& command =
-        *app.add_subcommand("announce", "Have all routers ask a running manager for what they do not have");
+Verb add_announce(CommandLine& command_line, Options& options) {
+    Command command =
+        command_line.add_verb("announce", "Have all routers ask a running manager for what they do not have");
     add_state(command, options);
     add_kafka_options(command, options);
-    return {&command, &announce};
+    return {command, &announce};
 }
 
-Verb add_diff(CLI::App& app, Options& options) {
-    CLI::App& command = *app.add_subcommand("diff", "Compare a file with what was published; sends nothing");
+Verb add_diff(CommandLine& command_line, Options& options) {
+    Command command = command_line.add_verb("diff", "Compare a file with what was published; sends nothing");
     add_kind(command, options);
     add_list(command, options);
     add_state(command, options);
     command.footer("Each line is a node: \"+\" only in the file, \"-\" only in what was published.");
-    return {&command, &diff};
+    return {command, &diff};
 }
 
-Verb add_watch(CLI::App& app, Options& options) {
-    CLI::App& command = *app.add_subcommand("watch", "Show events as they come, as a router would read them");
+Verb add_watch(CommandLine& command_line, Options& options) {
+    Command command = command_line.add_verb("watch", "Show events as they come, as a router would read them");
     command.add_option("--topic", options.further_topics,
                        "Topic to watch beside the manager's two; may be repeated");
     command.add_option("--count", options.count, "End after so many events");
     command.add_option("--duration", options.duration_s, "End after so many seconds");
     add_kafka_options(command, options);
-    return {&command, &watch};
+    return {command, &watch};
 }
 
-Verb add_decode(CLI::App& app, Options& options) {
-    CLI::App& command = *app.add_subcommand("decode", "Show the event in the payload of a message");
-    command.add_option("FILE", options.file, "The payload; standard input by default")
-        ->check(CLI::ExistingFile);
-    return {&command, &decode};
+Verb add_decode(CommandLine& command_line, Options& options) {
+    Command command = command_line.add_verb("decode", "Show the event in the payload of a message");
+    command.add_option("FILE", options.file, "The payload; standard input by default").existing_file();
+    return {command, &decode};
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
     Options options;
-    CLI::App app("Gives routers their node lists over Kafka, and lets no list through that would harm them.\n"
-                 "A list is a JSON array: [{\"ip\":\"10.0.0.1\",\"port\":5000}, ...]\n",
-                 NAME);
-    app.require_subcommand(1);
-    app.footer("Each verb tells its options with --help.\n\n"
-               "Exit status:\n"
-               "  0  success\n"
-               "  1  failure at run time\n"
-               "  2  wrong command line, or a list that must not reach a router; its faults are told with "
-               "their lines");
-    add_version_flag(app);
+    CommandLine command_line(
+        "Gives routers their node lists over Kafka, and lets no list through that would harm them.\n"
+        "A list is a JSON array: [{\"ip\":\"10.0.0.1\",\"port\":5000}, ...]\n",
+        NAME);
+    command_line.require_verb();
+    command_line.footer(
+        "Each verb tells its options with --help.\n\n"
+        "Exit status:\n"
+        "  0  success\n"
+        "  1  failure at run time\n"
+        "  2  wrong command line, or a list that must not reach a router; its faults are told with "
+        "their lines");
+    command_line.add_version_flag();
     const Verb verbs[] = {
-        add_run(app, options),      add_check(app, options),    add_publish(app, options),
-        add_rollback(app, options), add_announce(app, options), add_diff(app, options),
-        add_watch(app, options),    add_decode(app, options),
+        add_run(command_line, options),      add_check(command_line, options),
+        add_publish(command_line, options),  add_rollback(command_line, options),
+        add_announce(command_line, options), add_diff(command_line, options),
+        add_watch(command_line, options),    add_decode(command_line, options),
     };
-    if (const auto status = parse_command_line(app, argc, argv)) {
+    if (const auto status = command_line.parse(argc, argv)) {
         return *status;
     }
     log::Logger::m_instance.m_write = options.verbose ? &log::Stdlog::write : &write_problem;
     try {
         const auto verb = std::find_if(std::begin(verbs), std::end(verbs),
-                                       [](const Verb& candidate) { return candidate.command->parsed(); });
+                                       [](const Verb& candidate) { return candidate.command.is_chosen(); });
         return verb->function(options);
     } catch (const std::exception& error) {
         complain(error.what());

@@ -335,15 +335,16 @@ private:
 
 int main(int argc, char** argv) {
     std::vector<std::string> topics;
-    CLI::App app(
+    CommandLine command_line(
         "Runs a Kafka broker for tests and demonstrations on 127.0.0.1, on a port of the kernel's choice.\n"
         "It keeps everything in memory. Its first line is \"broker 127.0.0.1:PORT\".\n",
         NAME);
-    app.add_option("--topic", topics,
-                   "Topic to create with one partition, before the first line; may be repeated")
-        ->type_name("NAME")
-        ->allow_extra_args(false);
-    app.footer(
+    command_line
+        .add_option("--topic", topics,
+                    "Topic to create with one partition, before the first line; may be repeated")
+        .type_name("NAME")
+        .one_word_each();
+    command_line.footer(
         "Commands are read from standard input, one per line. Each is answered by \"ok\" or \"error "
         "TEXT\":\n" +
         std::string(COMMANDS) +
@@ -352,8 +353,8 @@ int main(int argc, char** argv) {
         "appears by itself, with four partitions.\n\n"
         "Ends at the end of the input, and by SIGTERM and SIGINT.\n\n" +
         exit_status_help("the broker cannot be started, or the commands cannot be read"));
-    add_version_flag(app);
-    if (const auto status = parse_command_line(app, argc, argv)) {
+    command_line.add_version_flag();
+    if (const auto status = command_line.parse(argc, argv)) {
         return *status;
     }
 

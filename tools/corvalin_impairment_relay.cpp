@@ -146,73 +146,76 @@ private:
     uint64_t m_last_datagram_ns = 0;
 };
 
-void add_fault_options(CLI::App& app, Options& options) {
+void add_fault_options(Command& command, Options& options) {
     const char* const group = "Faults";
-    const CLI::Range percent(0.0, 100.0);
-    app.add_option("--loss", options.impairment.loss_percent, "Percent of datagrams that are lost")
-        ->check(percent)
-        ->group(group);
-    app.add_option("--duplicate", options.impairment.duplicate_percent,
-                   "Percent of datagrams that are forwarded twice")
-        ->check(percent)
-        ->group(group);
-    app.add_option("--reorder", options.impairment.reorder_percent,
-                   "Percent of datagrams that later ones overtake")
-        ->check(percent)
-        ->group(group);
-    app.add_option("--reorder-distance", options.reorder_distance, "How many overtake such a datagram")
-        ->check(CLI::Range(uint64_t{1}, uint64_t{10000}))
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--reorder-limit", options.reorder_limit_ms, "How long it waits for them at most")
-        ->type_name("MS")
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--delay", options.impairment.delay_percent,
-                   "Percent of datagrams that are delayed; these are not reordered besides")
-        ->check(percent)
-        ->group(group);
-    app.add_option("--delay-min-us", options.impairment.delay_min_us, "Shortest delay")
-        ->check(CLI::Range(uint64_t{0}, uint64_t{60'000'000}))
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--delay-max-us", options.impairment.delay_max_us, "Longest delay")
-        ->check(CLI::Range(uint64_t{0}, uint64_t{60'000'000}))
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--seed", options.seed, "Seed of all decisions (default: random)")->group(group);
+    command.add_option("--loss", options.impairment.loss_percent, "Percent of datagrams that are lost")
+        .percent()
+        .group(group);
+    command
+        .add_option("--duplicate", options.impairment.duplicate_percent,
+                    "Percent of datagrams that are forwarded twice")
+        .percent()
+        .group(group);
+    command
+        .add_option("--reorder", options.impairment.reorder_percent,
+                    "Percent of datagrams that later ones overtake")
+        .percent()
+        .group(group);
+    command.add_option("--reorder-distance", options.reorder_distance, "How many overtake such a datagram")
+        .range(uint64_t{1}, uint64_t{10000})
+        .show_default()
+        .group(group);
+    command.add_option("--reorder-limit", options.reorder_limit_ms, "How long it waits for them at most")
+        .type_name("MS")
+        .show_default()
+        .group(group);
+    command
+        .add_option("--delay", options.impairment.delay_percent,
+                    "Percent of datagrams that are delayed; these are not reordered besides")
+        .percent()
+        .group(group);
+    command.add_option("--delay-min-us", options.impairment.delay_min_us, "Shortest delay")
+        .range(uint64_t{0}, uint64_t{60'000'000})
+        .show_default()
+        .group(group);
+    command.add_option("--delay-max-us", options.impairment.delay_max_us, "Longest delay")
+        .range(uint64_t{0}, uint64_t{60'000'000})
+        .show_default()
+        .group(group);
+    command.add_option("--seed", options.seed, "Seed of all decisions (default: random)").group(group);
 }
 
-void add_other_options(CLI::App& app, Options& options) {
-    app.add_option("--address", options.address, "Local address")
-        ->check(CLI::ValidIPV4)
-        ->capture_default_str();
-    app.add_option("--port", options.port, "Local port, or 0 for one of the kernel's choice")
-        ->capture_default_str();
-    add_receiving_end_options(app, options.end);
-    add_summary_options(app, options.summary);
+void add_other_options(Command& command, Options& options) {
+    command.add_option("--address", options.address, "Local address").ipv4().show_default();
+    command.add_option("--port", options.port, "Local port, or 0 for one of the kernel's choice")
+        .show_default();
+    add_receiving_end_options(command, options.end);
+    add_summary_options(command, options.summary);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
     Options options;
-    CLI::App app(
+    CommandLine command_line(
         "Forwards every datagram that arrives at its port to another, as a bad network would: some are "
         "lost,\n"
         "some come twice, late or out of order. The same seed and the same datagrams give the same faults.\n"
         "The first line of the output tells the port, \"port 40001\"; the summary comes at the end.\n",
         NAME);
-    app.add_option("target", options.target, "Where to forward: PORT of 127.0.0.1, ADDRESS:PORT or NAME:PORT")
-        ->required()
-        ->type_name("TARGET");
-    add_fault_options(app, options);
-    add_other_options(app, options);
-    add_version_flag(app);
-    app.footer("Without --packets, --idle-exit and --duration it runs until SIGINT or SIGTERM. What still "
-               "waits goes on then.\nDatagrams of more than 2048 bytes are dropped and counted.\n\n" +
-               exit_status_help("failure"));
-    if (const auto status = parse_command_line(app, argc, argv)) {
+    command_line
+        .add_option("target", options.target,
+                    "Where to forward: PORT of 127.0.0.1, ADDRESS:PORT or NAME:PORT")
+        .required()
+        .type_name("TARGET");
+    add_fault_options(command_line, options);
+    add_other_options(command_line, options);
+    command_line.add_version_flag();
+    command_line.footer(
+        "Without --packets, --idle-exit and --duration it runs until SIGINT or SIGTERM. What still "
+        "waits goes on then.\nDatagrams of more than 2048 bytes are dropped and counted.\n\n" +
+        exit_status_help("failure"));
+    if (const auto status = command_line.parse(argc, argv)) {
         return *status;
     }
     sockaddr_in target{};

@@ -246,53 +246,54 @@ Summary Node::summary() const {
     return summary;
 }
 
-void add_options(CLI::App& app, Options& options) {
-    app.add_option("--address", options.address, "Local address")
-        ->check(CLI::ValidIPV4)
-        ->capture_default_str();
-    app.add_option("--port", options.first_ports,
-                   "Port, or 0 for one of the kernel's choice; may be repeated")
-        ->expected(1)
-        ->take_all()
-        ->default_str("0");
-    app.add_option("--ports", options.ports, "How many ports to open for each --port, counting up from it")
-        ->check(CLI::Range(uint64_t{1}, uint64_t{1000}))
-        ->capture_default_str();
-    app.add_flag("--verify-content", options.verify_content,
-                 "Compare every byte but seq with what corvalin_media_sender makes");
-    app.add_flag("--no-check", options.no_check, "Exit with 0 whatever was seen");
-    app.add_flag("--discard", options.discard, "Only count datagrams and bytes, at the least cost");
-    add_receiving_end_options(app, options.end);
-    app.add_option("--receive-buffer-bytes", options.receive_buffer_bytes,
-                   "Receive buffer to ask for, for each port")
-        ->capture_default_str();
-    app.add_option(
+void add_options(Command& command, Options& options) {
+    command.add_option("--address", options.address, "Local address").ipv4().show_default();
+    command
+        .add_option("--port", options.first_ports,
+                    "Port, or 0 for one of the kernel's choice; may be repeated")
+        .shown_as_single()
+        .show_default("0");
+    command
+        .add_option("--ports", options.ports, "How many ports to open for each --port, counting up from it")
+        .range(uint64_t{1}, uint64_t{1000})
+        .show_default();
+    command.add_flag("--verify-content", options.verify_content,
+                     "Compare every byte but seq with what corvalin_media_sender makes");
+    command.add_flag("--no-check", options.no_check, "Exit with 0 whatever was seen");
+    command.add_flag("--discard", options.discard, "Only count datagrams and bytes, at the least cost");
+    add_receiving_end_options(command, options.end);
+    command
+        .add_option("--receive-buffer-bytes", options.receive_buffer_bytes,
+                    "Receive buffer to ask for, for each port")
+        .show_default();
+    command.add_option(
         "--poll-interval-us", options.poll_interval_us,
         "Look for datagrams at this interval; 0 to wake for each (default 0, with --discard 1000)");
-    app.add_option("--progress", options.progress_ms,
-                   "Print a running count to standard error at this interval")
-        ->type_name("MS");
-    add_summary_options(app, options.summary);
+    command
+        .add_option("--progress", options.progress_ms,
+                    "Print a running count to standard error at this interval")
+        .type_name("MS");
+    add_summary_options(command, options.summary);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
     Options options;
-    CLI::App app(
+    CommandLine command_line(
         "Receives media packets on one or several UDP ports and checks each session's seq, port by port: it\n"
         "must count 1, 2, 3, ... without a gap or a repeat. The first line of the output tells the ports,\n"
         "\"ports 40001 40002\"; the summary comes at the end.\n",
         NAME);
-    add_options(app, options);
-    add_version_flag(app);
-    app.footer(
+    add_options(command_line, options);
+    command_line.add_version_flag();
+    command_line.footer(
         "Without --packets, --idle-exit and --duration it runs until SIGINT or SIGTERM. What has arrived by "
         "then\n"
         "is still counted.\n\n" +
         exit_status_help("a gap, a repeat, a packet behind the end of its session, an invalid datagram or a\n"
                          "     changed byte was seen; or failure"));
-    if (const auto status = parse_command_line(app, argc, argv)) {
+    if (const auto status = command_line.parse(argc, argv)) {
         return *status;
     }
 

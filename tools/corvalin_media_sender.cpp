@@ -61,123 +61,136 @@ const std::map<std::string, uint8_t> FLAGS = {{"writer", media::PACKET_FLAG_WRIT
                                               {"both", media::PACKET_FLAG_WRITER | media::PACKET_FLAG_MEDIA},
                                               {"none", 0}};
 
-void add_session_options(CLI::App& app, Options& options) {
+void add_session_options(Command& command, Options& options) {
     const char* const group = "Sessions";
-    app.add_option("--sessions", options.sessions, "Number of sessions")
-        ->check(CLI::Range(uint64_t{1}, uint64_t{100'000'000}))
-        ->capture_default_str()
-        ->group(group);
-    CLI::Option* const packets = app.add_option("--packets", options.packets, "Data packets of each session")
-                                     ->check(CLI::Range(uint64_t{0}, UINT64_MAX - 1))
-                                     ->capture_default_str()
-                                     ->group(group);
-    app.add_flag("--endless", options.endless, "Data packets without end: until --duration or a signal")
-        ->excludes(packets)
-        ->group(group);
-    app.add_option("--live", options.live, "Sessions that run side by side; 0 for all of them")
-        ->capture_default_str()
-        ->group(group);
-    app.add_option(
-           "--order", options.order,
-           "round-robin: one packet of each live session in turn; random: of any live session, by the seed")
-        ->check(CLI::IsMember({"round-robin", "random"}))
-        ->capture_default_str()
-        ->group(group);
-    app.add_flag("--no-start", options.no_start, "Send no start packets")->group(group);
-    app.add_flag("--no-terminate", options.no_terminate, "Send no terminate packets")->group(group);
-    app.add_option("--first-seq", options.first_seq,
-                   "seq of each session's first packet (default 1, with --no-start 2)")
-        ->group(group);
-    app.add_option("--id-base", options.id_base, "id of the first session; the others follow")
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--call-id-prefix", options.call_id_prefix, "Text of the call id in front of the id")
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--flags", options.flags, "Nodes that the sessions ask for: writer, media, both or none")
-        ->check(CLI::IsMember({"writer", "media", "both", "none"}))
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--side", options.side, "0 inbound, 1 to 255 outbound")
-        ->check(CLI::Range(uint64_t{0}, uint64_t{255}))
-        ->capture_default_str()
-        ->group(group);
-    CLI::Option* const payload =
-        app.add_option("--payload-bytes", options.payload_bytes, "Payload of a data packet, even")
-            ->capture_default_str()
-            ->group(group);
-    app.add_option("--datagram-bytes", options.datagram_bytes,
-                   "Length of a data packet, its header of 56 bytes included, even")
-        ->excludes(payload)
-        ->group(group);
+    command.add_option("--sessions", options.sessions, "Number of sessions")
+        .range(uint64_t{1}, uint64_t{100'000'000})
+        .show_default()
+        .group(group);
+    const Option packets = command.add_option("--packets", options.packets, "Data packets of each session")
+                               .range(uint64_t{0}, UINT64_MAX - 1)
+                               .show_default()
+                               .group(group);
+    command.add_flag("--endless", options.endless, "Data packets without end: until --duration or a signal")
+        .excludes(packets)
+        .group(group);
+    command.add_option("--live", options.live, "Sessions that run side by side; 0 for all of them")
+        .show_default()
+        .group(group);
+    command
+        .add_option(
+            "--order", options.order,
+            "round-robin: one packet of each live session in turn; random: of any live session, by the seed")
+        .one_of({"round-robin", "random"})
+        .show_default()
+        .group(group);
+    command.add_flag("--no-start", options.no_start, "Send no start packets").group(group);
+    command.add_flag("--no-terminate", options.no_terminate, "Send no terminate packets").group(group);
+    command
+        .add_option("--first-seq", options.first_seq,
+                    "seq of each session's first packet (default 1, with --no-start 2)")
+        .group(group);
+    command.add_option("--id-base", options.id_base, "id of the first session; the others follow")
+        .show_default()
+        .group(group);
+    command.add_option("--call-id-prefix", options.call_id_prefix, "Text of the call id in front of the id")
+        .show_default()
+        .group(group);
+    command
+        .add_option("--flags", options.flags, "Nodes that the sessions ask for: writer, media, both or none")
+        .one_of({"writer", "media", "both", "none"})
+        .show_default()
+        .group(group);
+    command.add_option("--side", options.side, "0 inbound, 1 to 255 outbound")
+        .range(uint64_t{0}, uint64_t{255})
+        .show_default()
+        .group(group);
+    const Option payload =
+        command.add_option("--payload-bytes", options.payload_bytes, "Payload of a data packet, even")
+            .show_default()
+            .group(group);
+    command
+        .add_option("--datagram-bytes", options.datagram_bytes,
+                    "Length of a data packet, its header of 56 bytes included, even")
+        .excludes(payload)
+        .group(group);
 }
 
-void add_pace_options(CLI::App& app, Options& options) {
+void add_pace_options(Command& command, Options& options) {
     const char* const group = "Pace";
-    app.add_option("--rate", options.rate, "Packets per second; 0 for flat out")
-        ->check(CLI::Range(uint64_t{0}, Pacer::MAX_RATE))
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--burst-interval-us", options.burst_interval_us,
-                   "What is due is sent in bursts at this interval; 0 for one by one, evenly spaced")
-        ->check(CLI::Range(uint64_t{0}, uint64_t{10'000'000}))
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--max-lag-us", options.max_lag_us,
-                   "How much of a delay of the sender is caught up; beyond it the schedule moves on")
-        ->check(CLI::Range(uint64_t{0}, uint64_t{10'000'000}))
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--duration", options.duration_s,
-                   "Seconds after which only the terminate packets of live sessions are sent; 0 for no limit")
-        ->check(CLI::Range(0.0, 1e6))
-        ->capture_default_str()
-        ->group(group);
-    app.add_option("--sockets", options.sockets, "Source sockets; each session keeps to one")
-        ->check(CLI::Range(uint64_t{1}, uint64_t{1000}))
-        ->capture_default_str()
-        ->group(group);
-    app.add_flag(
-           "--segmentation-offload", options.segmentation_offload,
-           "Neighbours of one length leave in one send and arrive together, as from a network card that\n"
-           "hands over many at a time (UDP_SEGMENT)")
-        ->group(group);
+    command.add_option("--rate", options.rate, "Packets per second; 0 for flat out")
+        .range(uint64_t{0}, Pacer::MAX_RATE)
+        .show_default()
+        .group(group);
+    command
+        .add_option("--burst-interval-us", options.burst_interval_us,
+                    "What is due is sent in bursts at this interval; 0 for one by one, evenly spaced")
+        .range(uint64_t{0}, uint64_t{10'000'000})
+        .show_default()
+        .group(group);
+    command
+        .add_option("--max-lag-us", options.max_lag_us,
+                    "How much of a delay of the sender is caught up; beyond it the schedule moves on")
+        .range(uint64_t{0}, uint64_t{10'000'000})
+        .show_default()
+        .group(group);
+    command
+        .add_option(
+            "--duration", options.duration_s,
+            "Seconds after which only the terminate packets of live sessions are sent; 0 for no limit")
+        .range(0.0, 1e6)
+        .show_default()
+        .group(group);
+    command.add_option("--sockets", options.sockets, "Source sockets; each session keeps to one")
+        .range(uint64_t{1}, uint64_t{1000})
+        .show_default()
+        .group(group);
+    command
+        .add_flag(
+            "--segmentation-offload", options.segmentation_offload,
+            "Neighbours of one length leave in one send and arrive together, as from a network card that\n"
+            "hands over many at a time (UDP_SEGMENT)")
+        .group(group);
 }
 
-void add_fault_options(CLI::App& app, Options& options) {
+void add_fault_options(Command& command, Options& options) {
     const char* const group = "Injected faults";
-    const CLI::Range percent(0.0, 100.0);
-    app.add_option("--loss", options.impairment.loss_percent, "Percent of packets that are not sent")
-        ->check(percent)
-        ->group(group);
-    app.add_option("--duplicate", options.impairment.duplicate_percent,
-                   "Percent of packets that are sent twice")
-        ->check(percent)
-        ->group(group);
-    app.add_option("--reorder", options.impairment.reorder_percent,
-                   "Percent of packets that the next packet of their session overtakes")
-        ->check(percent)
-        ->group(group);
-    app.add_option(
-           "--garbage", options.garbage_percent,
-           "Percent of packets behind which a datagram follows that is no valid packet: too short, too "
-           "long, bad marker, bad version, unknown type or corrupted size")
-        ->check(percent)
-        ->group(group);
-    app.add_flag("--spare-edges", options.spare_edges,
-                 "No loss, duplicate and reordering of start and terminate packets")
-        ->group(group);
-    app.add_option("--seed", options.seed, "Seed of the faults and of the random order (default: random)")
-        ->group(group);
+    command.add_option("--loss", options.impairment.loss_percent, "Percent of packets that are not sent")
+        .percent()
+        .group(group);
+    command
+        .add_option("--duplicate", options.impairment.duplicate_percent,
+                    "Percent of packets that are sent twice")
+        .percent()
+        .group(group);
+    command
+        .add_option("--reorder", options.impairment.reorder_percent,
+                    "Percent of packets that the next packet of their session overtakes")
+        .percent()
+        .group(group);
+    command
+        .add_option(
+            "--garbage", options.garbage_percent,
+            "Percent of packets behind which a datagram follows that is no valid packet: too short, too "
+            "long, bad marker, bad version, unknown type or corrupted size")
+        .percent()
+        .group(group);
+    command
+        .add_flag("--spare-edges", options.spare_edges,
+                  "No loss, duplicate and reordering of start and terminate packets")
+        .group(group);
+    command.add_option("--seed", options.seed, "Seed of the faults and of the random order (default: random)")
+        .group(group);
 }
 
-void add_report_options(CLI::App& app, Options& options) {
+void add_report_options(Command& command, Options& options) {
     const char* const group = "Report";
-    add_summary_options(app, options.summary, group);
-    app.add_option("--progress", options.progress_ms,
-                   "Print a running count to standard error at this interval")
-        ->type_name("MS")
-        ->group(group);
+    add_summary_options(command, options.summary, group);
+    command
+        .add_option("--progress", options.progress_ms,
+                    "Print a running count to standard error at this interval")
+        .type_name("MS")
+        .group(group);
 }
 
 // What the parser's own checks cannot say. Empty if all is well.
@@ -328,22 +341,23 @@ Summary summary_of(const MediaSource& source, const Run& run, const Options& opt
 
 int main(int argc, char** argv) {
     Options options;
-    CLI::App app(
+    CommandLine command_line(
         "Sends the media packets of made-up sessions over UDP: start, data and terminate packets of many\n"
         "sessions side by side, at a steady pace or flat out, with injected faults if wanted. Every byte\n"
         "follows from the session and the packet, so that corvalin_media_node can verify them.\n",
         NAME);
-    app.add_option("target", options.target, "PORT of 127.0.0.1, ADDRESS:PORT or NAME:PORT")
-        ->required()
-        ->type_name("TARGET");
-    add_session_options(app, options);
-    add_pace_options(app, options);
-    add_fault_options(app, options);
-    add_report_options(app, options);
-    add_version_flag(app);
-    app.footer("SIGINT and SIGTERM end the run early, with the summary and without terminate packets.\n\n" +
-               exit_status_help("the packets could not be sent, or the summary not be written"));
-    if (const auto status = parse_command_line(app, argc, argv)) {
+    command_line.add_option("target", options.target, "PORT of 127.0.0.1, ADDRESS:PORT or NAME:PORT")
+        .required()
+        .type_name("TARGET");
+    add_session_options(command_line, options);
+    add_pace_options(command_line, options);
+    add_fault_options(command_line, options);
+    add_report_options(command_line, options);
+    command_line.add_version_flag();
+    command_line.footer(
+        "SIGINT and SIGTERM end the run early, with the summary and without terminate packets.\n\n" +
+        exit_status_help("the packets could not be sent, or the summary not be written"));
+    if (const auto status = command_line.parse(argc, argv)) {
         return *status;
     }
     sockaddr_in target{};

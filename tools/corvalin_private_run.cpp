@@ -47,19 +47,23 @@ int command_index(int argc, char** argv) {
 int main(int argc, char** argv) {
     PrivatePaths paths;
     std::string name;
-    CLI::App app("Runs a command that sees private directories in the place of its fixed paths.\n"
-                 "The machine's own /etc, /dev and /var/log stay untouched.\n\n"
-                 "  corvalin_private_run [OPTIONS] -- COMMAND [ARGUMENTS]\n",
-                 NAME);
-    app.add_option("--etc", paths.etc_dir, "Directory that appears as /etc/tolvaine")->type_name("DIR");
-    app.add_option("--log", paths.log_dir, "Directory that appears as /var/log/tolvaine")->type_name("DIR");
-    app.add_option("--dev-log", paths.dev_log_socket,
-                   "Socket that appears as /dev/log; it may be bound later, its directory must exist")
-        ->type_name("SOCKET");
-    app.add_flag("--net", paths.own_network,
-                 "Network of its own that has only the loopback interface, which is up");
-    app.add_option("--name", name, "Name under which the command starts, its argv[0]")->type_name("NAME");
-    app.footer(
+    CommandLine command_line("Runs a command that sees private directories in the place of its fixed paths.\n"
+                             "The machine's own /etc, /dev and /var/log stay untouched.\n\n"
+                             "  corvalin_private_run [OPTIONS] -- COMMAND [ARGUMENTS]\n",
+                             NAME);
+    command_line.add_option("--etc", paths.etc_dir, "Directory that appears as /etc/tolvaine")
+        .type_name("DIR");
+    command_line.add_option("--log", paths.log_dir, "Directory that appears as /var/log/tolvaine")
+        .type_name("DIR");
+    command_line
+        .add_option("--dev-log", paths.dev_log_socket,
+                    "Socket that appears as /dev/log; it may be bound later, its directory must exist")
+        .type_name("SOCKET");
+    command_line.add_flag("--net", paths.own_network,
+                          "Network of its own that has only the loopback interface, which is up");
+    command_line.add_option("--name", name, "Name under which the command starts, its argv[0]")
+        .type_name("NAME");
+    command_line.footer(
         "As root the command gets a mount namespace of its own, for any other user a user namespace\n"
         "too. With --etc the rest of /etc is shown read-only; with --log nothing else is in /var/log.\n"
         "The command takes the place of this process: it keeps the process id and gets all signals.\n\n"
@@ -67,11 +71,11 @@ int main(int argc, char** argv) {
         "  125  failure of corvalin_private_run itself\n"
         "  126  the command was found and could not be run\n"
         "  127  the command was not found");
-    add_version_flag(app);
+    command_line.add_version_flag();
 
     const int command = command_index(argc, argv);
     const int own_argc = command == argc ? argc : command - 1;
-    if (const auto status = parse_command_line(app, own_argc, argv, EXIT_OWN_FAILURE)) {
+    if (const auto status = command_line.parse(own_argc, argv, EXIT_OWN_FAILURE)) {
         return *status;
     }
     if (command == argc) {

@@ -291,79 +291,83 @@ private:
     int64_t m_last_view_us = 0;
 };
 
-void add_input_options(CLI::App& app, Options& options) {
-    CLI::Option* const log =
-        app.add_option("log", options.logs, "Files with the log, or - for standard input")
-            ->capture_default_str();
-    CLI::Option* const follow =
-        app.add_flag("--follow", options.follow, "Go on at the end of the file, and when it is rotated");
-    app.add_option("--socket", options.socket,
-                   "Make this socket, and read the syslog datagrams written to it")
-        ->type_name("PATH")
-        ->excludes(log)
-        ->excludes(follow);
-    app.add_option("--port", options.port, "Look at the router of this port only, as the reports show it")
-        ->check(CLI::Range(0, 65535));
-    app.add_option("--udp-port", options.udp_port,
-                   "Port of the router's socket, if the reports do not show it: for a single router")
-        ->check(CLI::Range(1, 65535));
-    app.add_option("--proc-net-udp", options.proc_net_udp,
-                   "Sockets of the router's network namespace, as of /proc/PID/net/udp")
-        ->type_name("FILE")
-        ->capture_default_str();
-    app.add_option("--duration", options.duration_s, "End after this many seconds")
-        ->check(CLI::Range(0.0, 1e6));
+void add_input_options(Command& command, Options& options) {
+    const Option log =
+        command.add_option("log", options.logs, "Files with the log, or - for standard input").show_default();
+    const Option follow =
+        command.add_flag("--follow", options.follow, "Go on at the end of the file, and when it is rotated");
+    command
+        .add_option("--socket", options.socket,
+                    "Make this socket, and read the syslog datagrams written to it")
+        .type_name("PATH")
+        .excludes(log)
+        .excludes(follow);
+    command.add_option("--port", options.port, "Look at the router of this port only, as the reports show it")
+        .range(0, 65535);
+    command
+        .add_option("--udp-port", options.udp_port,
+                    "Port of the router's socket, if the reports do not show it: for a single router")
+        .range(1, 65535);
+    command
+        .add_option("--proc-net-udp", options.proc_net_udp,
+                    "Sockets of the router's network namespace, as of /proc/PID/net/udp")
+        .type_name("FILE")
+        .show_default();
+    command.add_option("--duration", options.duration_s, "End after this many seconds").range(0.0, 1e6);
 }
 
-void add_metrics_port(CLI::App& app, Options& options) {
-    app.add_option("--metrics-port", options.metrics_port,
-                   "Answer http://127.0.0.1:PORT/metrics too, with 0 on a port of the kernel's choice, until "
-                   "SIGINT or SIGTERM")
-        ->type_name("PORT")
-        ->check(CLI::Range(0, 65535));
+void add_metrics_port(Command& command, Options& options) {
+    command
+        .add_option(
+            "--metrics-port", options.metrics_port,
+            "Answer http://127.0.0.1:PORT/metrics too, with 0 on a port of the kernel's choice, until "
+            "SIGINT or SIGTERM")
+        .type_name("PORT")
+        .range(0, 65535);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
     Options options;
-    CLI::App app(
+    CommandLine command_line(
         "Shows the counters of corvalin_router: reads its statistic reports from a log, and what the kernel\n"
         "knows of its socket from /proc/net/udp. The log is text as rsyslog or journalctl write it, the\n"
         "journal's JSON (journalctl -o json), or syslog datagrams. The router is not touched.\n",
         NAME);
-    CLI::App* const view = app.add_subcommand("view", "Counters with rates per second, live on a terminal");
-    CLI::App* const json = app.add_subcommand("json", "One line of JSON for each report");
-    CLI::App* const metrics = app.add_subcommand(
+    Command view = command_line.add_verb("view", "Counters with rates per second, live on a terminal");
+    Command json = command_line.add_verb("json", "One line of JSON for each report");
+    Command metrics = command_line.add_verb(
         "metrics", "Prometheus text: once at the end of the log, or with --metrics-port over HTTP");
-    CLI::App* const doctor =
-        app.add_subcommand("doctor", "Names the layer that lost packets (sender, kernel, ring, validation, "
-                                     "session, send), cause and cure");
-    for (CLI::App* const verb : {view, json, metrics, doctor}) {
-        add_input_options(*verb, options);
+    Command doctor = command_line.add_verb(
+        "doctor", "Names the layer that lost packets (sender, kernel, ring, validation, "
+                  "session, send), cause and cure");
+    for (Command verb : {view, json, metrics, doctor}) {
+        add_input_options(verb, options);
     }
-    for (CLI::App* const verb : {view, json, metrics}) {
-        add_metrics_port(*verb, options);
+    for (Command verb : {view, json, metrics}) {
+        add_metrics_port(verb, options);
     }
-    doctor->add_flag("--json", options.as_json, "One line of JSON for each router");
-    doctor->add_flag("--since-start", options.since_start,
-                     "Judge all since the router's start instead of what has grown between the reports");
-    app.require_subcommand(1);
-    add_version_flag(app);
-    app.footer("Reads until the end of the log, or SIGINT or SIGTERM. Failed sends and sessions without a "
-               "node stand\n"
-               "in other lines of the log than the reports: give the doctor all facilities.\n\n" +
-               exit_status_help("no report was found; doctor: something was lost; or failure"));
-    if (const auto status = parse_command_line(app, argc, argv)) {
+    doctor.add_flag("--json", options.as_json, "One line of JSON for each router");
+    doctor.add_flag("--since-start", options.since_start,
+                    "Judge all since the router's start instead of what has grown between the reports");
+    command_line.require_verb();
+    command_line.add_version_flag();
+    command_line.footer(
+        "Reads until the end of the log, or SIGINT or SIGTERM. Failed sends and sessions without a "
+        "node stand\n"
+        "in other lines of the log than the reports: give the doctor all facilities.\n\n" +
+        exit_status_help("no report was found; doctor: something was lost; or failure"));
+    if (const auto status = command_line.parse(argc, argv)) {
         return *status;
     }
 
     try {
         catch_stop_signals();
-        const Verb verb = view->parsed()      ? Verb::VIEW
-                          : json->parsed()    ? Verb::JSON
-                          : metrics->parsed() ? Verb::METRICS
-                                              : Verb::DOCTOR;
+        const Verb verb = view.is_chosen()      ? Verb::VIEW
+                          : json.is_chosen()    ? Verb::JSON
+                          : metrics.is_chosen() ? Verb::METRICS
+                                                : Verb::DOCTOR;
         return Watch(options, verb).run();
     } catch (const std::exception& error) {
         std::cerr << NAME << ": " << error.what() << "\n";
