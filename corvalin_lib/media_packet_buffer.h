@@ -23,6 +23,8 @@ public:
         const char* what() const noexcept override;
     };
 
+    [[gnu::hot]] ~PacketBuffer() override;
+
     /// 50000 more than the ring of the packet reader holds, so that a full ring does not exhaust the pool.
     using Allocator = mem::ObjectAllocator<PacketBuffer, 150'000>;
 
@@ -36,6 +38,8 @@ public:
     static void operator delete(void* buffer) noexcept { Allocator::give_back(buffer); }
     static void operator delete(void*, void*) noexcept {} // matches the placement form, which cannot throw
 };
+
+inline PacketBuffer::~PacketBuffer() = default;
 
 static_assert(sizeof(PacketBuffer) == 1400);
 

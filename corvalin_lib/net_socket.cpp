@@ -48,11 +48,15 @@ bool Socket::open(int port, unsigned int address) {
     return true;
 }
 
-unsigned long Socket::read(unsigned char* buffer, unsigned long size) {
+[[gnu::hot]] unsigned long Socket::read(unsigned char* buffer, unsigned long size) {
     const ssize_t received = recv(m_fd, buffer, size, MSG_NOSIGNAL);
     if (received >= 0) [[likely]] {
         return static_cast<unsigned long>(received);
     }
+    return on_failed_read();
+}
+
+[[gnu::cold]] unsigned long Socket::on_failed_read() {
     const int error = errno;
     if (error == EINTR) {
         log::write(SOURCE, __LINE__, log::InfoMessage() << "SOCKET[" << m_fd << "]: system interrupted call");
@@ -65,13 +69,13 @@ unsigned long Socket::read(unsigned char* buffer, unsigned long size) {
     exit(-1); // the other threads use nothing that exit destroys
 }
 
-Socket::Buffer& Socket::read() {
+[[gnu::hot]] Socket::Buffer& Socket::read() {
     assert(read_buffer);
     read_buffer->size = read(read_buffer->data, Buffer::CAPACITY);
     return *read_buffer;
 }
 
-bool Socket::send(const sockaddr_in& address, const char* data, unsigned long size) {
+[[gnu::hot]] bool Socket::send(const sockaddr_in& address, const char* data, unsigned long size) {
     if (data == nullptr) {
         return true;
     }
@@ -80,16 +84,20 @@ bool Socket::send(const sockaddr_in& address, const char* data, unsigned long si
         const ssize_t result = sendto(m_fd, data + sent, size - sent, 0,
                                       reinterpret_cast<const sockaddr*>(&address), sizeof(address));
         if (result < 0) [[unlikely]] {
-            const int error = errno;
-            log::write(SOURCE, __LINE__,
-                       log::ErrorMessage() << "SOCKET[" << m_fd << "]: failed to send a data (" << size
-                                           << ": " << reinterpret_cast<uintptr_t>(data) << "), error ("
-                                           << error << "): " << strerror(error));
+            report_failed_send(data, size);
             return false;
         }
         sent += static_cast<unsigned long>(result);
     }
     return true;
+}
+
+[[gnu::cold]] void Socket::report_failed_send(const char* data, unsigned long size) {
+    const int error = errno;
+    log::write(SOURCE, __LINE__,
+               log::ErrorMessage() << "SOCKET[" << m_fd << "]: failed to send a data (" << size << ": "
+                                   << reinterpret_cast<uintptr_t>(data) << "), error (" << error
+                                   << "): " << strerror(error));
 }
 
 void Socket::close() {

@@ -52,6 +52,9 @@ public:
     std::unique_ptr<Buffer> read_buffer; // null in a socket that only sends
 
 private:
+    unsigned long on_failed_read();
+    void report_failed_send(const char* data, unsigned long size);
+
     int32_t m_fd = -1;
 };
 

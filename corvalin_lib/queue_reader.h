@@ -36,7 +36,7 @@ public:
     using StatisticContainer<QueueReaderStatistic>::StatisticContainer;
 
     /// Producer. Returns false if the ring is full; the element is then lost and counted.
-    virtual bool push(T element) {
+    [[gnu::hot]] virtual bool push(T element) {
         if (!m_queue.push(std::move(element))) {
             statistic().dropped_elements.add(1);
             return false;
@@ -70,7 +70,7 @@ public:
     explicit QueueIdleReader(QueueIdleReaderStatistic& statistic)
         : QueueReader<T, Capacity, Timeout>(&statistic) {}
 
-    void run() override {
+    [[gnu::hot]] void run() override {
         do {
             run_round();
             this->store_elements();
@@ -84,7 +84,7 @@ public:
     virtual void on_queue_try() = 0;
 
 private:
-    void run_round() {
+    [[gnu::hot]] void run_round() {
         on_queue_try();
         if (!this->m_queue.is_empty()) {
             this->on_queue_read(this->m_queue.pop());

@@ -27,7 +27,7 @@ public:
 
     /// Takes one owner away. At 0 the object is destroyed. A count below 0 means that somebody released what
     /// he did not own: the object is left alone, since it may still be in use, and the fault is logged.
-    void release_reference() noexcept {
+    [[gnu::hot]] void release_reference() noexcept {
         const int32_t left = m_reference_count.fetch_sub(1, std::memory_order_seq_cst) - 1;
         if (left == 0) {
             delete this;
@@ -57,7 +57,7 @@ public:
     /// From a pointer to a derived class.
     template <class U>
     rc_ptr(rc_ptr<U> other) noexcept : m_object(other.detach()) {}
-    virtual ~rc_ptr() { release(); }
+    [[gnu::hot]] virtual ~rc_ptr() { release(); }
 
     /// Releases first and takes over second, so assigning an object's only owner to itself destroys the
     /// object.

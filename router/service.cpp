@@ -268,7 +268,7 @@ bool Service::open_receive_socket(net::Socket& socket, int port) {
 // No timer and no poll: only the stop flag ends the loop, and only a signal or a datagram brings a blocked
 // read back to look at it. A count of 0 is an interrupted read or an empty datagram, and nothing to do in
 // either case.
-void Service::receive_loop(net::Socket& socket, media::PacketReader& reader) {
+[[gnu::hot]] void Service::receive_loop(net::Socket& socket, media::PacketReader& reader) {
     while (m_signal_stop.load(std::memory_order_relaxed) == 0) {
         const net::Socket::Buffer& datagram = socket.read();
         if (datagram.size != 0) {
