@@ -4,7 +4,6 @@
 #include "corvalin_lib/prefetch.h"
 
 #include <algorithm>
-#include <array>
 #include <utility>
 
 namespace corvalin::media {
@@ -13,6 +12,14 @@ namespace {
 
 constexpr const char* SOURCE = "media_packet_reader";
 
+[[gnu::cold, gnu::noinline]] void trace(const DataPacket& packet) {
+    log::Syslog::write(SOURCE, __LINE__, log::LocalLevel::local_level_media,
+                       log::TraceMessage()
+                           << "DATA  | mt: " << packet.mt << ", uuid: " << UuidText{packet.uuid} << ", seq: "
+                           << packet.seq << ", side: " << unsigned{packet.side} << ", m_flg: " << packet.m_flg
+                           << ", m_num: " << packet.m_num << ", m_off: " << packet.m_off);
+}
+
 } // namespace
 
 PacketReader::PacketReader(PacketReaderListener& listener, PacketReaderStatistic& statistic)
@@ -20,7 +27,7 @@ PacketReader::PacketReader(PacketReaderListener& listener, PacketReaderStatistic
       m_lookahead(dynamic_cast<PacketLookahead*>(&listener)) {
 }
 
-void PacketReader::read_from(const void* data, unsigned long size) {
+[[gnu::hot]] void PacketReader::read_from(const void* data, unsigned long size) {
     if (size < PACKET_MIN_BYTES) {
         statistic().dropped_min_length.add(1);
         return;
@@ -61,15 +68,15 @@ int PacketReader::stop() {
     return error;
 }
 
-bool PacketReader::on_queue_idle() {
+[[gnu::hot]] bool PacketReader::on_queue_idle() {
     return m_listener->on_packet_idle();
 }
 
-void PacketReader::on_queue_try() {
+[[gnu::hot]] void PacketReader::on_queue_try() {
     m_listener->on_packet_try();
 }
 
-void PacketReader::on_queue_read(rc_ptr<PacketBuffer> packet) {
+[[gnu::hot]] void PacketReader::on_queue_read(rc_ptr<PacketBuffer> packet) {
     if (!packet) {
         return; // the wait has run out
     }
@@ -96,31 +103,38 @@ void PacketReader::on_queue_read(rc_ptr<PacketBuffer> packet) {
 }
 
 // Each packet is handled between two system calls that leave little in the caches, and the packets themselves come from
-// another processor. What waits in the ring is known, though: it is fetched while the packets ahead of it are sent.
-void PacketReader::look_ahead() {
-    constexpr uint64_t FARTHEST = PacketLookahead::PACKETS_AHEAD;
+// another processor. What waits in the ring is known, though: it is fetched while the packets ahead of it are sent. With
+// each packet that is handled, the header of one that waits is fetched, and the listener is told of one whose header was
+// fetched before; of two, until the lead is there.
+[[gnu::hot]] void PacketReader::look_ahead() {
+    constexpr uint64_t LEAD = PacketLookahead::PACKETS_AHEAD + 1;
     const uint64_t waiting = m_queue.size();
-    if (waiting > 2 * FARTHEST) { // nearer to its end the producer is at work
-        prefetch(&m_queue.peek(2 * FARTHEST), sizeof(rc_ptr<PacketBuffer>));
-    }
-    if (waiting > FARTHEST) {
-        const PacketBuffer& packet = *m_queue.peek(FARTHEST);
-        prefetch(&packet, sizeof(ReferenceCountable) + sizeof(PacketHeader));
-        prefetch(&packet.size, sizeof(packet.size));
-    }
-    if (waiting >= FARTHEST) {
-        const PacketBuffer& packet = *m_queue.peek(FARTHEST - 1); // its size is there by now
-        prefetch(packet.data, packet.size);
-    }
     if (m_lookahead == nullptr || waiting == 0) {
+        m_fetched = 0;
+        m_told = 0;
         return;
     }
-    std::array<uint64_t, FARTHEST> ids;
-    const std::size_t told = std::min(waiting, FARTHEST);
-    for (std::size_t distance = 0; distance < told; ++distance) {
-        ids[distance] = view_packet<const PacketHeader>(m_queue.peek(distance)->data).id;
+    // The packet in hand was the first of them.
+    m_fetched -= m_fetched != 0 ? 1 : 0;
+    m_told -= m_told != 0 ? 1 : 0;
+    const uint64_t tellable = m_fetched;
+    const uint64_t fetchable = std::min(waiting, LEAD);
+    for (int step = 0; step < 2; ++step) {
+        if (m_told < tellable) {
+            PacketBuffer& packet = *m_queue.peek(m_told);
+            prefetch(packet.data, packet.size);
+            m_lookahead->on_packet_ahead(&view_packet<const PacketHeader>(packet.data));
+            ++m_told;
+        } else if (step == 0) {
+            m_lookahead->on_packet_ahead(nullptr);
+        }
+        if (m_fetched < fetchable) {
+            const PacketBuffer& packet = *m_queue.peek(m_fetched);
+            prefetch(&packet, sizeof(ReferenceCountable) + sizeof(PacketHeader));
+            prefetch(&packet.size, sizeof(packet.size));
+            ++m_fetched;
+        }
     }
-    m_lookahead->on_packets_ahead(std::span(ids).first(told));
 }
 
 // A datagram that ended before the fields of its type has zeros there, from the pool, and fails the
@@ -160,15 +174,10 @@ void PacketReader::notify(TerminatePacket& packet) {
     m_listener->on_packet(packet);
 }
 
-void PacketReader::notify(DataPacket& packet) {
+[[gnu::hot]] void PacketReader::notify(DataPacket& packet) {
     statistic().data_packets.add(1);
     if (log::passes(log::Level::TRACE)) [[unlikely]] {
-        log::Syslog::write(SOURCE, __LINE__, log::LocalLevel::local_level_media,
-                           log::TraceMessage()
-                               << "DATA  | mt: " << packet.mt << ", uuid: " << UuidText{packet.uuid}
-                               << ", seq: " << packet.seq << ", side: " << unsigned{packet.side}
-                               << ", m_flg: " << packet.m_flg << ", m_num: " << packet.m_num
-                               << ", m_off: " << packet.m_off);
+        trace(packet);
     }
     m_listener->on_packet(packet);
 }

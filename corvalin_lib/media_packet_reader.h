@@ -15,7 +15,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
 
 namespace corvalin::media {
 
@@ -56,12 +55,14 @@ protected:
 /// will need into the caches meanwhile. Reader thread.
 class PacketLookahead {
 public:
-    /// The most packets that are told.
+    /// How far behind the packet in hand the farthest is that is told.
     static constexpr std::size_t PACKETS_AHEAD = 5;
 
-    /// Comes ahead of a packet. The ids of those behind it, the next one first. None of them has been validated yet, and
-    /// it may be that none of them is ever handled: nothing that can be observed may come of it.
-    virtual void on_packets_ahead(std::span<const uint64_t> ids) = 0;
+    /// Comes ahead of a packet that is handled while others wait behind it: with one of those or, until the farthest is
+    /// reached, with two, one after the other. Each is told once at most, in their order. Null if none has come into sight.
+    /// Nothing of `packet` has been validated yet, and it may be that it is never handled: nothing that can be observed may
+    /// come of it. It is valid during the call only.
+    virtual void on_packet_ahead(const PacketHeader* packet) = 0;
 
 protected:
     ~PacketLookahead() = default;
@@ -98,6 +99,9 @@ private:
 
     PacketReaderListener* const m_listener; // borrowed
     PacketLookahead* const m_lookahead;     // the same object; null if it is none
+    // Of those that wait, counted from the next one on; reader thread only.
+    uint64_t m_fetched = 0; // packets whose header is being fetched
+    uint64_t m_told = 0;    // packets of which m_lookahead has been told: no more than those
 };
 
 } // namespace corvalin::media

@@ -22,11 +22,20 @@ utils::SipHashKey random_key() {
 } // namespace
 
 SessionIndex::SessionIndex() : m_key(random_key()) {
+    give_first_slots();
+}
+
+[[gnu::hot]] void SessionIndex::begin(Lookup& lookup, uint64_t id) const noexcept {
+    lookup = {id, tag_of(id), nullptr};
+}
+
+[[gnu::hot]] void SessionIndex::search(Lookup& lookup) noexcept {
+    lookup.entry = find_in(shard_of(lookup.tag), lookup.id, lookup.tag);
 }
 
 void SessionIndex::insert(uint64_t id, rc_ptr<Session> session) {
     forget_entries();
-    const uint64_t tag = tag_of(id);
+    const uint64_t tag = lookup_of(id).tag;
     Shard& shard = shard_of(tag);
     if ((shard.used + 1) * 4 > shard.slots.size() * 3) {
         grow(shard);
@@ -39,13 +48,21 @@ void SessionIndex::insert(uint64_t id, rc_ptr<Session> session) {
     ++m_size;
 }
 
+void SessionIndex::give_first_slots() noexcept {
+    for (std::size_t number = 0; number < SHARDS; ++number) {
+        m_shards[number].slots = {&m_first_slots[number * FIRST_SLOTS], FIRST_SLOTS};
+    }
+}
+
 void SessionIndex::grow(Shard& shard) {
     Shard larger;
-    larger.slots = std::vector<Slot>(std::max(SLOTS_MIN, shard.slots.size() * 2));
+    larger.grown = std::make_unique<Slot[]>(shard.slots.size() * 2);
+    larger.slots = {larger.grown.get(), shard.slots.size() * 2};
     larger.used = shard.used;
     for (Slot& slot : shard.slots) {
         if (slot.tag != 0) {
-            larger.slots[position_of(larger, slot.id, slot.tag)] = std::move(slot);
+            Slot& place = larger.slots[position_of(larger, slot.id, slot.tag)];
+            place = std::exchange(slot, Slot());
         }
     }
     shard = std::move(larger);
@@ -53,11 +70,8 @@ void SessionIndex::grow(Shard& shard) {
 
 void SessionIndex::erase(uint64_t id) noexcept {
     forget_entries();
-    const uint64_t tag = tag_of(id);
+    const uint64_t tag = lookup_of(id).tag;
     Shard& shard = shard_of(tag);
-    if (shard.slots.empty()) {
-        return;
-    }
     std::size_t gap = position_of(shard, id, tag);
     if (shard.slots[gap].tag == 0) {
         return;
@@ -79,8 +93,10 @@ void SessionIndex::erase(uint64_t id) noexcept {
 void SessionIndex::clear() noexcept {
     forget_entries();
     for (Shard& shard : m_shards) {
+        std::fill(shard.slots.begin(), shard.slots.end(), Slot());
         shard = Shard();
     }
+    give_first_slots();
     m_size = 0;
 }
 

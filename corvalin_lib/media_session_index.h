@@ -21,7 +21,8 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <vector>
+#include <memory>
+#include <span>
 
 namespace corvalin::media {
 
@@ -29,27 +30,45 @@ class SessionIndex {
 public:
     SessionIndex();
 
+    /// A look-up under way. The index remembers a few of them, so that what is begun ahead of a packet serves the packet
+    /// itself: one hash and one search for each. It may be that of another id after the next `lookup_of` or `find`.
+    struct Lookup {
+        uint64_t id = 0;
+        uint64_t tag = 0;                 // 0 where no id is kept yet
+        rc_ptr<Session>* entry = nullptr; // null where none has been found
+    };
+
     /// The entry of `id`, or null. The pointer is good until the next insertion or removal.
-    rc_ptr<Session>* find(uint64_t id) noexcept {
-        Recent& recent = recent_of(id);
-        if (recent.entry == nullptr) {
-            recent.entry = find_in(shard_of(recent.tag), id, recent.tag);
+    rc_ptr<Session>* find(uint64_t id) noexcept { return entry_of(lookup_of(id)); }
+
+    /// Begins the look-up of `id`, or finds it begun.
+    Lookup& lookup_of(uint64_t id) noexcept {
+        // Spread by a multiplication (Fibonacci hashing: D. E. Knuth, The Art of Computer Programming 3, 6.4), as the ids of
+        // a sender may well be multiples of something. Ids that meet here all the same cost a hash and a search each.
+        Lookup& lookup = m_lookups[(id * 0x9e3779b97f4a7c15) >> (64 - LOOKUP_BITS)];
+        if (lookup.id != id || lookup.tag == 0) {
+            begin(lookup, id);
         }
-        return recent.entry;
+        return lookup;
     }
 
-    /// Fetches the shard of `id` into the caches: what leads to its slot.
-    void prefetch_shard(uint64_t id) noexcept {
-        corvalin::prefetch(&shard_of(recent_of(id).tag), sizeof(Shard));
+    /// Ends the look-up, as `find` does.
+    rc_ptr<Session>* entry_of(Lookup& lookup) noexcept {
+        if (lookup.entry == nullptr) {
+            search(lookup);
+        }
+        return lookup.entry;
     }
 
-    /// Fetches the slot of `id` into the caches.
-    void prefetch_slot(uint64_t id) noexcept {
-        const uint64_t tag = recent_of(id).tag;
-        const Shard& shard = shard_of(tag);
-        if (!shard.slots.empty()) {
-            corvalin::prefetch(&shard.slots[first_choice(shard, tag)], sizeof(Slot));
-        }
+    /// Fetches the shard into the caches: what leads to the slot.
+    void prefetch_shard(const Lookup& lookup) noexcept {
+        corvalin::prefetch(&shard_of(lookup.tag), sizeof(Shard));
+    }
+
+    /// Fetches the slot into the caches.
+    void prefetch_slot(const Lookup& lookup) noexcept {
+        const Shard& shard = shard_of(lookup.tag);
+        corvalin::prefetch(&shard.slots[first_choice(shard, lookup.tag)], sizeof(Slot));
     }
 
     /// Enters `session` under `id`, which must not be in the table.
@@ -67,42 +86,27 @@ private:
         rc_ptr<Session> session;
     };
     struct alignas(32) Shard {
-        std::vector<Slot> slots; // a power of two of them, or none
+        std::span<Slot> slots;         // a power of two of them: some of m_first_slots, later all of `grown`
+        std::unique_ptr<Slot[]> grown; // null until those have not sufficed
         std::size_t used = 0;
-    };
-    // Each id is asked for in several rounds, step by step ahead of its packet and then with it. One hash and one search
-    // serve them all.
-    struct Recent {
-        uint64_t id = 0;
-        uint64_t tag = 0;                 // 0 where no id is kept yet
-        rc_ptr<Session>* entry = nullptr; // null where none has been found
     };
 
     static constexpr int SHARD_BITS = 8;
-    static constexpr std::size_t SLOTS_MIN = 8;
-    static constexpr int RECENT_BITS = 4; // more places than packets that are looked ahead at
+    static constexpr std::size_t SHARDS = std::size_t{1} << SHARD_BITS;
+    static constexpr std::size_t FIRST_SLOTS = 16; // of each shard
+    static constexpr int LOOKUP_BITS = 4;          // more places than packets that are looked ahead at
 
     uint64_t tag_of(uint64_t id) const noexcept { return utils::siphash<1, 3>(m_key, id) | 1; }
-    Recent& recent_of(uint64_t id) noexcept {
-        // Spread by a multiplication (Fibonacci hashing: D. E. Knuth, The Art of Computer Programming 3, 6.4), as the ids of
-        // a sender may well be multiples of something. Ids that meet here all the same cost a hash and a search each.
-        Recent& recent = m_recent[(id * 0x9e3779b97f4a7c15) >> (64 - RECENT_BITS)];
-        if (recent.id != id || recent.tag == 0) {
-            recent = {id, tag_of(id), nullptr};
-        }
-        return recent;
-    }
+    void begin(Lookup& lookup, uint64_t id) const noexcept;
+    void search(Lookup& lookup) noexcept;
     static rc_ptr<Session>* find_in(Shard& shard, uint64_t id, uint64_t tag) noexcept {
-        if (shard.slots.empty()) {
-            return nullptr;
-        }
         Slot& slot = shard.slots[position_of(shard, id, tag)];
         return slot.tag == 0 ? nullptr : &slot.session;
     }
     // Entries move when one of them comes or goes.
     void forget_entries() noexcept {
-        for (Recent& recent : m_recent) {
-            recent.entry = nullptr;
+        for (Lookup& lookup : m_lookups) {
+            lookup.entry = nullptr;
         }
     }
     static std::size_t shard_number_of(uint64_t tag) noexcept { return tag >> (64 - SHARD_BITS); }
@@ -121,12 +125,16 @@ private:
         }
         return position;
     }
+    void give_first_slots() noexcept;
     static void grow(Shard& shard);
 
     const utils::SipHashKey m_key;
     uint64_t m_size = 0;
-    std::array<Recent, std::size_t{1} << RECENT_BITS> m_recent;
-    std::array<Shard, std::size_t{1} << SHARD_BITS> m_shards;
+    std::array<Lookup, std::size_t{1} << LOOKUP_BITS> m_lookups;
+    // Side by side, so that a table of some thousand sessions lies in few pages: each look-up goes to another one, and the
+    // processor knows the addresses of few.
+    const std::unique_ptr<Slot[]> m_first_slots = std::make_unique<Slot[]>(SHARDS * FIRST_SLOTS);
+    std::array<Shard, SHARDS> m_shards;
 };
 
 } // namespace corvalin::media

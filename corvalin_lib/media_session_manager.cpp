@@ -20,7 +20,7 @@ void trace_session(int line, const log::Message& message) {
 
 } // namespace
 
-int64_t steady_clock_us() {
+[[gnu::hot]] int64_t steady_clock_us() {
     using namespace std::chrono;
     return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
 }
@@ -59,22 +59,24 @@ void SessionManager::on_packet(StartPacket& packet) {
     on_session_created(session, packet);
 }
 
-void SessionManager::on_packet(DataPacket& packet) {
-    rc_ptr<Session>* const entry = m_index.find(packet.id);
-    if (entry == nullptr) {
-        statistic().unknown_index_errors.add(1);
-        trace_session(__LINE__, log::WarningMessage()
-                                    << "DATA  | mt: " << packet.mt << ", uuid: " << UuidText{packet.uuid}
-                                    << ", seq: " << packet.seq << ", side: " << unsigned{packet.side}
-                                    << " | unknown session");
-        setup_zombie(packet);
-        return;
+// True if `seq` is ahead of all that the session has accepted. The numbers between them are lost; a late
+// packet that fills the gap after all counts once more, as a break.
+inline bool SessionManager::follow_sequence(const Session& session, uint64_t seq) {
+    if (seq <= session.m_seq) {
+        statistic().sequence_breaks.add(1);
+        return false;
     }
-    if (!*entry) {
-        log::write(SOURCE, __LINE__,
-                   log::ErrorMessage() << "SESSION_MANAGER: Memory corruption may be happened: session "
-                                       << UuidText{packet.uuid} << " is null but must exist");
-        return;
+    statistic().lost_packets.add(seq - session.m_seq - 1);
+    return true;
+}
+
+[[gnu::hot]] void SessionManager::on_packet(DataPacket& packet) {
+    rc_ptr<Session>* const entry = m_index.find(packet.id);
+    if (entry == nullptr) [[unlikely]] {
+        return on_unknown_session(packet);
+    }
+    if (!*entry) [[unlikely]] {
+        return report_null_session(packet);
     }
     Session& session = **entry;
     if (!session.m_zombie) {
@@ -88,10 +90,26 @@ void SessionManager::on_packet(DataPacket& packet) {
     session.m_last_activity_us = static_cast<uint64_t>(session.m_created_us) - session.m_start_mt + packet.mt;
     // To the back without an allocation: the node itself moves, and m_node stays right.
     m_sessions.splice(m_sessions.end(), m_sessions, session.m_node);
+    prefetch_front();
     if (session.m_zombie) {
         return;
     }
     on_session_media(*entry, packet);
+}
+
+[[gnu::cold]] void SessionManager::on_unknown_session(const DataPacket& packet) {
+    statistic().unknown_index_errors.add(1);
+    trace_session(__LINE__, log::WarningMessage()
+                                << "DATA  | mt: " << packet.mt << ", uuid: " << UuidText{packet.uuid}
+                                << ", seq: " << packet.seq << ", side: " << unsigned{packet.side}
+                                << " | unknown session");
+    setup_zombie(packet);
+}
+
+[[gnu::cold]] void SessionManager::report_null_session(const DataPacket& packet) {
+    log::write(SOURCE, __LINE__,
+               log::ErrorMessage() << "SESSION_MANAGER: Memory corruption may be happened: session "
+                                   << UuidText{packet.uuid} << " is null but must exist");
 }
 
 void SessionManager::on_packet(TerminatePacket& packet) {
@@ -120,52 +138,56 @@ void SessionManager::on_packet(TerminatePacket& packet) {
     on_session_terminated(session, packet);
 }
 
-void SessionManager::on_packet_try() {
+[[gnu::hot]] void SessionManager::on_packet_try() {
     if (m_index.size() > AUDIT_THRESHOLD) {
         audit_and_count();
     }
 }
 
-bool SessionManager::on_packet_idle() {
+[[gnu::hot]] bool SessionManager::on_packet_idle() {
     return audit_and_count();
 }
 
 // What a data packet needs hangs together by pointers: with each packet that is handled, those behind it come one pointer
 // closer, and each step finds in the caches what the one before has fetched.
-void SessionManager::on_packets_ahead(std::span<const uint64_t> ids) {
+[[gnu::hot]] void SessionManager::on_packet_ahead(const PacketHeader* packet) {
     static_assert(PACKETS_AHEAD == 5, "a step for each");
-    if (ids.size() > 4) {
-        m_index.prefetch_shard(ids[4]);
+    m_ahead = {nullptr, m_ahead[0], m_ahead[1], m_ahead[2], m_ahead[3]};
+    if (packet != nullptr) {
+        m_ahead[0] = &m_index.lookup_of(packet->id);
+        m_index.prefetch_shard(*m_ahead[0]);
     }
-    if (ids.size() > 3) {
-        m_index.prefetch_slot(ids[3]);
+    if (m_ahead[1] != nullptr) {
+        m_index.prefetch_slot(*m_ahead[1]);
     }
-    if (const Session* const session = session_ahead(ids, 2)) {
+    if (m_ahead[2] != nullptr) {
+        m_index.entry_of(*m_ahead[2]);
+    }
+    if (const Session* const session = session_ahead(2)) {
         prefetch(session, sizeof(Session) + CACHE_LINE_BYTES); // the fields of a derived class too
     }
-    if (const Session* const session = session_ahead(ids, 1)) {
+    if (const Session* const session = session_ahead(3)) {
         prefetch(&*session->m_node, sizeof(*session->m_node));
     }
-    if (const Session* const session = session_ahead(ids, 0)) {
+    if (const Session* const session = session_ahead(4)) {
         prefetch_neighbours(session->m_node);
     }
 }
 
-const Session* SessionManager::session_ahead(std::span<const uint64_t> ids, std::size_t distance) noexcept {
-    if (distance >= ids.size()) {
-        return nullptr;
-    }
-    const rc_ptr<Session>* const entry = m_index.find(ids[distance]);
-    return entry == nullptr ? nullptr : entry->get();
-}
-
 // A node that moves to the back writes to those on both sides of it.
-void SessionManager::prefetch_neighbours(SessionList::iterator node) {
+[[gnu::hot]] void SessionManager::prefetch_neighbours(SessionList::iterator node) {
     if (node != m_sessions.begin()) {
         prefetch(&*std::prev(node), sizeof(*node));
     }
     if (std::next(node) != m_sessions.end()) {
         prefetch(&*std::next(node), sizeof(*node));
+    }
+}
+
+// The audit looks at the front in the next quiet moment. Where senders keep their pace, it is the next to have a packet too.
+inline void SessionManager::prefetch_front() {
+    if (const Session* const session = m_sessions.front().get()) {
+        prefetch(&session->m_last_activity_us, sizeof(session->m_last_activity_us));
     }
 }
 
@@ -187,33 +209,31 @@ void SessionManager::on_session_terminated(rc_ptr<Session> /*session*/, Terminat
 void SessionManager::on_session_timedout(rc_ptr<Session> /*session*/) {
 }
 
-bool SessionManager::audit() {
-    const bool removed_any = remove_expired(static_cast<uint64_t>(now_us()));
-    store_session_number();
-    return removed_any;
-}
-
-// Looks no further than the first live session, since the list is in order of activity.
-bool SessionManager::remove_expired(uint64_t now) {
+[[gnu::hot]] bool SessionManager::audit() {
+    const auto now = static_cast<uint64_t>(now_us());
     int removed = 0;
-    while (removed < AUDIT_BUDGET && !m_sessions.empty()) {
-        const rc_ptr<Session> session = m_sessions.front();
-        if (session->m_last_activity_us + SESSION_TIMEOUT_US > now) {
-            break;
-        }
-        remove(session);
-        if (!session->m_zombie) {
-            on_session_timedout(session);
-        }
-        trace_session(__LINE__, log::WarningMessage()
-                                    << "SESSION_MANAGER: Timeout for session " << UuidText{session->m_uuid}
-                                    << ": " << session->m_last_activity_us << " " << now);
+    // Looks no further than the first live session, since the list is in order of activity.
+    while (removed < AUDIT_BUDGET && !m_sessions.empty() &&
+           m_sessions.front()->m_last_activity_us + SESSION_TIMEOUT_US <= now) {
+        remove_expired_front(now);
         ++removed;
     }
+    store_session_number();
     return removed > 0;
 }
 
-bool SessionManager::audit_and_count() {
+[[gnu::cold]] void SessionManager::remove_expired_front(uint64_t now) {
+    const rc_ptr<Session> session = m_sessions.front();
+    remove(session);
+    if (!session->m_zombie) {
+        on_session_timedout(session);
+    }
+    trace_session(__LINE__, log::WarningMessage()
+                                << "SESSION_MANAGER: Timeout for session " << UuidText{session->m_uuid}
+                                << ": " << session->m_last_activity_us << " " << now);
+}
+
+[[gnu::hot]] bool SessionManager::audit_and_count() {
     statistic().audit_calls.add(1);
     const bool removed_any = audit();
     if (removed_any) {
@@ -248,17 +268,6 @@ void SessionManager::remove(const rc_ptr<Session>& session) {
     m_sessions.erase(session->m_node);
     session->m_node = m_sessions.end();
     m_index.erase(session->m_id);
-}
-
-// True if `seq` is ahead of all that the session has accepted. The numbers between them are lost; a late
-// packet that fills the gap after all counts once more, as a break.
-bool SessionManager::follow_sequence(const Session& session, uint64_t seq) {
-    if (seq <= session.m_seq) {
-        statistic().sequence_breaks.add(1);
-        return false;
-    }
-    statistic().lost_packets.add(seq - session.m_seq - 1);
-    return true;
 }
 
 } // namespace corvalin::media

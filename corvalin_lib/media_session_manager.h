@@ -23,9 +23,9 @@
 #include "corvalin_lib/reference_countable.h"
 #include "corvalin_lib/statistic_container.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <span>
 
 namespace corvalin::media {
 
@@ -85,7 +85,7 @@ public:
     /// Removes expired sessions, up to its budget. Returns true if it removed any.
     virtual bool audit();
 
-    void on_packets_ahead(std::span<const uint64_t> ids) override;
+    void on_packet_ahead(const PacketHeader* packet) override;
 
 protected:
     int64_t now_us() const { return m_clock(); }
@@ -93,22 +93,30 @@ protected:
     /// Builds a zombie and enters it in the table.
     void setup_zombie(const PacketHeader& header);
 
-    /// The session of `ids[distance]`; null if there is none.
-    const Session* session_ahead(std::span<const uint64_t> ids, std::size_t distance) noexcept;
+    /// The session of the packet that on_packet_ahead was told `steps` calls ago; null if it is not known.
+    const Session* session_ahead(std::size_t steps) const noexcept {
+        const SessionIndex::Lookup* const lookup = m_ahead[steps];
+        return lookup == nullptr || lookup->entry == nullptr ? nullptr : lookup->entry->get();
+    }
 
     SessionList m_sessions;
     SessionIndex m_index;
 
 private:
+    void on_unknown_session(const DataPacket& packet);
+    void report_null_session(const DataPacket& packet);
     void enter(const rc_ptr<Session>& session);
     void remove(const rc_ptr<Session>& session);
     bool audit_and_count();
-    bool remove_expired(uint64_t now);
+    void remove_expired_front(uint64_t now);
+    void prefetch_front();
     void prefetch_neighbours(SessionList::iterator node);
     bool follow_sequence(const Session& session, uint64_t seq);
     void store_session_number() { statistic().session_number.set(m_index.size()); }
 
     const SteadyClock m_clock;
+    // Of the packets that were told last, the newest first; null where none was.
+    std::array<SessionIndex::Lookup*, PACKETS_AHEAD> m_ahead{};
 };
 
 } // namespace corvalin::media

@@ -72,7 +72,8 @@ void RoutingManager::on_session_created(rc_ptr<media::Session> session, media::S
     forward(*session, packet);
 }
 
-void RoutingManager::on_session_media(rc_ptr<media::Session> session, media::DataPacket& packet) {
+[[gnu::hot]] void RoutingManager::on_session_media(rc_ptr<media::Session> session,
+                                                   media::DataPacket& packet) {
     forward(*session, packet);
 }
 
@@ -81,9 +82,9 @@ void RoutingManager::on_session_terminated(rc_ptr<media::Session> session, media
 }
 
 // The address is the last thing that a packet needs: the session that holds the list has been fetched by now.
-void RoutingManager::on_packets_ahead(std::span<const uint64_t> ids) {
-    SessionManager::on_packets_ahead(ids);
-    const media::Session* const session = session_ahead(ids, 1);
+[[gnu::hot]] void RoutingManager::on_packet_ahead(const media::PacketHeader* packet) {
+    SessionManager::on_packet_ahead(packet);
+    const media::Session* const session = session_ahead(3);
     if (session == nullptr || session->m_zombie) {
         return;
     }

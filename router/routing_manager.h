@@ -19,7 +19,6 @@
 
 #include <cstdint>
 #include <list>
-#include <span>
 
 namespace corvalin::router {
 
@@ -46,7 +45,7 @@ public:
     void on_session_created(rc_ptr<media::Session> session, media::StartPacket& packet) override;
     void on_session_media(rc_ptr<media::Session> session, media::DataPacket& packet) override;
     void on_session_terminated(rc_ptr<media::Session> session, media::TerminatePacket& packet) override;
-    void on_packets_ahead(std::span<const uint64_t> ids) override;
+    void on_packet_ahead(const media::PacketHeader* packet) override;
 
 private:
     std::list<net::HostAddr> assign_hosts(const media::StartPacket& packet);

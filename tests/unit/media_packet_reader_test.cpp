@@ -19,7 +19,6 @@
 #include <memory>
 #include <ostream>
 #include <random>
-#include <span>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -100,14 +99,14 @@ private:
     }
 };
 
-/// Keeps the ids that it was told ahead of each packet.
+/// Keeps the ids that it was told, and 0 where there was none.
 class LookingAheadListener : public RecordingListener, public media::PacketLookahead {
 public:
-    void on_packets_ahead(std::span<const uint64_t> ids) override {
-        told.emplace_back(ids.begin(), ids.end());
+    void on_packet_ahead(const media::PacketHeader* packet) override {
+        told.push_back(packet != nullptr ? packet->id : 0);
     }
 
-    std::vector<std::vector<uint64_t>> told;
+    std::vector<uint64_t> told;
 };
 
 /// Counts the waits that ran out.
@@ -410,30 +409,42 @@ TEST_F(MediaPacketReaderTest, nothing_is_done_when_a_wait_has_run_out) {
     EXPECT_THAT(m_listener.packets, IsEmpty());
 }
 
-TEST_F(MediaPacketReaderTest, a_listener_that_looks_ahead_is_told_up_to_five_ids_of_the_packets_that_wait) {
+TEST_F(MediaPacketReaderTest,
+       a_listener_that_looks_ahead_is_told_each_packet_that_waits_once_up_to_five_ahead) {
     LookingAheadListener listener;
     PacketReaderStatistic statistic;
     CountingReader reader(listener, statistic);
+    const auto handle_all = [&](const std::vector<Bytes>& datagrams) {
+        for (const Bytes& datagram : datagrams) {
+            reader.read_from(datagram.data(), datagram.size());
+        }
+        std::vector<std::vector<uint64_t>> told;
+        for (std::size_t round = 0; round < datagrams.size(); ++round) {
+            reader.PacketReader::QueueIdleReader::run();
+            told.push_back(std::exchange(listener.told, {}));
+        }
+        return told;
+    };
+    std::vector<Bytes> datagrams;
+    for (uint64_t id = 1; id <= 14; ++id) {
+        datagrams.push_back(data_packet().id(id).bytes());
+    }
     // Foreign and damaged packets wait like all others.
-    const std::array<Bytes, 8> datagrams = {data_packet().id(1).bytes(),
-                                            terminate_packet().id(2).bytes(),
-                                            data_packet().id(3).marker(5).bytes(),
-                                            start_packet().id(4).bytes(),
-                                            data_packet().id(5).version(9).bytes(),
-                                            data_packet().id(6).bytes(),
-                                            data_packet().id(7).bytes(),
-                                            data_packet().id(8).bytes()};
-    for (const Bytes& datagram : datagrams) {
-        reader.read_from(datagram.data(), datagram.size());
-    }
-    for (std::size_t round = 0; round < datagrams.size(); ++round) {
-        reader.PacketReader::QueueIdleReader::run();
-    }
+    datagrams[2] = data_packet().id(3).marker(5).bytes();
+    datagrams[4] = data_packet().id(5).version(9).bytes();
+    datagrams[7] = start_packet().id(8).bytes();
+    datagrams[8] = terminate_packet().id(9).bytes();
     using Ids = std::vector<uint64_t>;
-    EXPECT_THAT(listener.told, ElementsAre(Ids{2, 3, 4, 5, 6}, Ids{3, 4, 5, 6, 7}, Ids{4, 5, 6, 7, 8},
-                                           Ids{5, 6, 7, 8}, Ids{6, 7, 8}, Ids{7, 8}, Ids{8}));
+    EXPECT_THAT(handle_all(datagrams),
+                ElementsAre(Ids{0}, Ids{3}, Ids{4, 5}, Ids{6, 7}, Ids{8, 9}, Ids{10, 11}, // the lead grows
+                            Ids{12}, Ids{13}, Ids{14},                                    // and stays at five
+                            Ids{0}, Ids{0}, Ids{0}, Ids{0}, Ids{}));
     EXPECT_EQ(counts_of(statistic),
-              (Counts{.bad_marker = 1, .version = 1, .start = 1, .term = 1, .data = 4}));
+              (Counts{.bad_marker = 1, .version = 1, .start = 1, .term = 1, .data = 10}));
+
+    EXPECT_THAT(handle_all({data_packet().id(21).bytes()}), ElementsAre(Ids{})) << "alone in the ring";
+    EXPECT_THAT(handle_all({data_packet().id(31).bytes(), data_packet().id(32).bytes()}),
+                ElementsAre(Ids{0}, Ids{}));
 }
 
 TEST_F(MediaPacketReaderTest, the_listener_gets_the_record_in_the_buffer_and_may_change_it) {

@@ -133,8 +133,10 @@ TEST_F(MediaSessionIndexTest, more_ids_than_are_remembered_keep_their_entries) {
     }
     for (int round = 0; round < 3; ++round) {
         for (uint64_t id = 0; id < IDS; ++id) {
-            m_index->prefetch_shard((id + 1) % IDS);
-            m_index->prefetch_slot((id + 2) % IDS);
+            m_index->prefetch_shard(m_index->lookup_of((id + 1) % IDS));
+            SessionIndex::Lookup& lookup = m_index->lookup_of((id + 2) % IDS);
+            m_index->prefetch_slot(lookup);
+            EXPECT_EQ(m_index->entry_of(lookup), m_index->find((id + 2) % IDS)) << id;
             EXPECT_EQ(found(id), id % 2 == 0 ? sessions[id / 2].get() : nullptr) << id;
         }
     }
@@ -155,6 +157,25 @@ TEST_F(MediaSessionIndexTest, clear_and_the_end_of_the_table_let_go_of_all_sessi
         EXPECT_EQ(index.size(), 1u);
     }
     EXPECT_EQ(second->reference_count(), 1);
+}
+
+TEST_F(MediaSessionIndexTest, a_table_that_was_cleared_after_it_had_grown_is_as_new) {
+    constexpr uint64_t IDS = 20'000;
+    for (uint64_t id = 0; id < IDS; ++id) {
+        insert(id);
+    }
+    m_index->clear();
+    EXPECT_EQ(m_index->size(), 0u);
+    for (uint64_t id = 0; id < IDS; ++id) {
+        ASSERT_EQ(m_index->find(id), nullptr) << id;
+    }
+    for (uint64_t id = 0; id < IDS; id += 2) {
+        insert(id);
+    }
+    EXPECT_EQ(m_index->size(), IDS / 2);
+    for (uint64_t id = 0; id < IDS; ++id) {
+        ASSERT_EQ(m_index->find(id) != nullptr, id % 2 == 0) << id;
+    }
 }
 
 TEST_F(MediaSessionIndexTest, an_entry_may_be_changed_through_its_pointer) {

@@ -5,13 +5,13 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstring>
 #include <initializer_list>
 #include <list>
 #include <memory>
-#include <span>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -509,12 +509,15 @@ TEST_F(RoutingManagerTest, looking_ahead_at_a_session_of_any_kind_sends_nothing_
     deliver(data_packet().id(3).flags(WRITER | MEDIA).seq(1).bytes()); // a zombie: no session with hosts
     ASSERT_EQ(node.received().size(), 2u);
 
-    constexpr std::array<uint64_t, 5> IDS = {1, 2, 3, 4, 5};
-    for (std::size_t first = 0; first < IDS.size(); ++first) {
-        for (std::size_t last = first; last <= IDS.size(); ++last) {
-            m_manager->on_packets_ahead(std::span(IDS).subspan(first, last - first));
+    std::array<uint64_t, 5> ids = {1, 2, 3, 4, 5};
+    do {
+        for (const uint64_t id : ids) {
+            media::PacketHeader header{};
+            header.id = id;
+            m_manager->on_packet_ahead(&header);
         }
-    }
+        m_manager->on_packet_ahead(nullptr);
+    } while (std::next_permutation(ids.begin(), ids.end()));
 
     EXPECT_THAT(node.received(), IsEmpty());
     EXPECT_EQ(m_statistic.session_number.value(), 3u);

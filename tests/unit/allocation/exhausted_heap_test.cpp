@@ -107,15 +107,37 @@ TEST_F(ExhaustedHeapTest, a_zombie_that_cannot_be_built_is_counted_reported_and_
     EXPECT_EQ(m_statistic.zombie_number.value(), 1u);
 }
 
-TEST_F(ExhaustedHeapTest, a_failed_entry_in_the_list_or_the_table_is_not_caught) {
-    for (const uint64_t good_allocations : {1u, 2u}) { // behind the session: the list, then the table
-        Manager manager(&m_statistic);
-        const auto buffer = pooled(start_packet().id(7).bytes());
-        const RefusedAllocation refused(good_allocations);
-        EXPECT_THROW(manager.on_packet(media::view_packet<media::StartPacket>(buffer->data)), std::bad_alloc);
+TEST_F(ExhaustedHeapTest, a_failed_entry_in_the_list_is_not_caught) {
+    const auto buffer = pooled(start_packet().id(7).bytes());
+    {
+        const RefusedAllocation refused(1); // behind the session
+        EXPECT_THROW(m_manager.on_packet(media::view_packet<media::StartPacket>(buffer->data)),
+                     std::bad_alloc);
         EXPECT_TRUE(RefusedAllocation::happened());
-        EXPECT_EQ(manager.hooks, 0);
     }
+    EXPECT_EQ(m_manager.hooks, 0);
+    EXPECT_EQ(m_statistic.allocation_errors.value(), 0u);
+    EXPECT_THAT(m_log.texts(), IsEmpty());
+}
+
+TEST_F(ExhaustedHeapTest, a_failed_entry_in_the_table_is_not_caught) {
+    constexpr uint64_t MORE_THAN_FIT_AT_FIRST = 5'000;
+    uint64_t entered = 0;
+    bool was_refused = false;
+    while (!was_refused) {
+        ASSERT_LE(entered, MORE_THAN_FIT_AT_FIRST);
+        const auto buffer = pooled(start_packet().id(entered + 1).bytes());
+        const RefusedAllocation refused(2); // behind the session and its place in the list
+        try {
+            m_manager.on_packet(media::view_packet<media::StartPacket>(buffer->data));
+            ++entered;
+        } catch (const std::bad_alloc&) {
+            was_refused = true;
+        }
+        ASSERT_EQ(RefusedAllocation::happened(), was_refused);
+    }
+    EXPECT_EQ(m_manager.table_size(), entered);
+    EXPECT_EQ(static_cast<uint64_t>(m_manager.hooks), entered);
     EXPECT_EQ(m_statistic.allocation_errors.value(), 0u);
     EXPECT_THAT(m_log.texts(), IsEmpty());
 }
