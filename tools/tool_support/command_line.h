@@ -21,7 +21,7 @@
 #include "tools/tool_support/receiving_end.h"
 #include "tools/tool_support/summary.h"
 
-namespace CLI { // NOLINT(readability-identifier-naming): theirs
+namespace CLI { // NOLINT(readability-identifier-naming): a forward declaration, and CLI11 has chosen the name
 class App;
 class Option;
 } // namespace CLI
