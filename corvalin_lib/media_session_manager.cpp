@@ -151,25 +151,25 @@ void SessionManager::on_packet(TerminatePacket& packet) {
 // What a data packet needs hangs together by pointers: with each packet that is handled, those behind it come one pointer
 // closer, and each step finds in the caches what the one before has fetched.
 [[gnu::hot]] void SessionManager::on_packet_ahead(const PacketHeader* packet) {
-    static_assert(PACKETS_AHEAD == 5, "a step for each");
+    static_assert(PACKETS_AHEAD == FETCH_NEIGHBOURS + 1, "a step for each");
     m_ahead = {nullptr, m_ahead[0], m_ahead[1], m_ahead[2], m_ahead[3]};
     if (packet != nullptr) {
-        m_ahead[0] = &m_index.lookup_of(packet->id);
-        m_index.prefetch_shard(*m_ahead[0]);
+        m_ahead[FETCH_SHARD] = &m_index.lookup_of(packet->id);
+        m_index.prefetch_shard(*m_ahead[FETCH_SHARD]);
     }
-    if (m_ahead[1] != nullptr) {
-        m_index.prefetch_slot(*m_ahead[1]);
+    if (m_ahead[FETCH_SLOT] != nullptr) {
+        m_index.prefetch_slot(*m_ahead[FETCH_SLOT]);
     }
-    if (m_ahead[2] != nullptr) {
-        m_index.entry_of(*m_ahead[2]);
+    if (m_ahead[FETCH_SESSION] != nullptr) {
+        m_index.entry_of(*m_ahead[FETCH_SESSION]);
     }
-    if (const Session* const session = session_ahead(2)) {
+    if (const Session* const session = session_ahead(FETCH_SESSION)) {
         prefetch(session, sizeof(Session) + CACHE_LINE_BYTES); // the fields of a derived class too
     }
-    if (const Session* const session = session_ahead(3)) {
+    if (const Session* const session = session_ahead(FETCH_NODE)) {
         prefetch(&*session->m_node, sizeof(*session->m_node));
     }
-    if (const Session* const session = session_ahead(4)) {
+    if (const Session* const session = session_ahead(FETCH_NEIGHBOURS)) {
         prefetch_neighbours(session->m_node);
     }
 }

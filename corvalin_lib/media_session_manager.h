@@ -93,9 +93,13 @@ protected:
     /// Builds a zombie and enters it in the table.
     void setup_zombie(const PacketHeader& header);
 
-    /// The session of the packet that on_packet_ahead was told `steps` calls ago; null if it is not known.
-    const Session* session_ahead(std::size_t steps) const noexcept {
-        const SessionIndex::Lookup* const lookup = m_ahead[steps];
+    /// What on_packet_ahead does for a packet that it has been told: one step in that call, the next one in the call after
+    /// it, and so on.
+    enum StepAhead : std::size_t { FETCH_SHARD, FETCH_SLOT, FETCH_SESSION, FETCH_NODE, FETCH_NEIGHBOURS };
+
+    /// The session of the packet whose turn it is for `step`; null if it is not known.
+    const Session* session_ahead(StepAhead step) const noexcept {
+        const SessionIndex::Lookup* const lookup = m_ahead[step];
         return lookup == nullptr || lookup->entry == nullptr ? nullptr : lookup->entry->get();
     }
 
@@ -115,7 +119,7 @@ private:
     void store_session_number() { statistic().session_number.set(m_index.size()); }
 
     const SteadyClock m_clock;
-    // Of the packets that were told last, the newest first; null where none was.
+    // Of the packets that were told last, by StepAhead; null where none was.
     std::array<SessionIndex::Lookup*, PACKETS_AHEAD> m_ahead{};
 };
 

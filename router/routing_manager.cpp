@@ -81,10 +81,10 @@ void RoutingManager::on_session_terminated(rc_ptr<media::Session> session, media
     forward(*session, packet);
 }
 
-// The address is the last thing that a packet needs: the session that holds the list has been fetched by now.
+// The address stands in a list of the session's, which has been fetched by that step.
 [[gnu::hot]] void RoutingManager::on_packet_ahead(const media::PacketHeader* packet) {
     SessionManager::on_packet_ahead(packet);
-    const media::Session* const session = session_ahead(3);
+    const media::Session* const session = session_ahead(FETCH_NODE);
     if (session == nullptr || session->m_zombie) {
         return;
     }
