@@ -45,7 +45,7 @@ Outcome parse(CommandLine& command_line, const Words& words, int usage_status = 
     return outcome;
 }
 
-TEST(CommandLineTest, reads_values_of_each_type_and_leaves_those_that_are_not_given) {
+TEST(ToolCommandLineTest, reads_values_of_each_type_and_leaves_those_that_are_not_given) {
     struct Values {
         std::string text = "before";
         double number = 0;
@@ -121,7 +121,7 @@ TEST(CommandLineTest, reads_values_of_each_type_and_leaves_those_that_are_not_gi
     EXPECT_FALSE(none.flag);
 }
 
-TEST(CommandLineTest, lets_through_what_each_check_allows_and_says_what_is_wrong_with_the_rest) {
+TEST(ToolCommandLineTest, lets_through_what_each_check_allows_and_says_what_is_wrong_with_the_rest) {
     const TemporaryFolder folder;
     const std::string file = folder.write_file("file", "");
     const struct {
@@ -179,7 +179,7 @@ TEST(CommandLineTest, lets_through_what_each_check_allows_and_says_what_is_wrong
     }
 }
 
-TEST(CommandLineTest, a_wrong_one_leads_to_help_and_to_the_status_that_is_wanted) {
+TEST(ToolCommandLineTest, a_wrong_one_leads_to_help_and_to_the_status_that_is_wanted) {
     CommandLine command_line("", "tool");
     const Outcome outcome = parse(command_line, {"bad"}, 125);
     EXPECT_EQ(outcome.status, 125);
@@ -187,7 +187,7 @@ TEST(CommandLineTest, a_wrong_one_leads_to_help_and_to_the_status_that_is_wanted
               "tool: The following argument was not expected: bad\nTry 'tool --help' for more.\n");
 }
 
-TEST(CommandLineTest, a_list_takes_words_as_it_was_declared) {
+TEST(ToolCommandLineTest, a_list_takes_words_as_it_was_declared) {
     Words all;
     Words one_each;
     std::vector<uint16_t> mostly_one = {0};
@@ -210,7 +210,7 @@ TEST(CommandLineTest, a_list_takes_words_as_it_was_declared) {
     EXPECT_THAT(help, HasSubstr("--mostly UINT=none  "));
 }
 
-TEST(CommandLineTest, help_tells_what_is_known_of_options_and_version_the_name) {
+TEST(ToolCommandLineTest, help_tells_what_is_known_of_options_and_version_the_name) {
     std::string text = "old";
     uint64_t count = 3;
     SummaryTarget summary;
@@ -240,7 +240,7 @@ TEST(CommandLineTest, help_tells_what_is_known_of_options_and_version_the_name) 
     EXPECT_THAT(version.out, StartsWith("tool "));
 }
 
-TEST(CommandLineTest, one_verb_is_chosen_and_has_options_of_its_own) {
+TEST(ToolCommandLineTest, one_verb_is_chosen_and_has_options_of_its_own) {
     bool flag = false;
     const auto declare_and_parse = [&](const Words& words, Words& chosen) {
         CommandLine command_line("", "tool");
@@ -280,7 +280,7 @@ TEST(CommandLineTest, one_verb_is_chosen_and_has_options_of_its_own) {
     EXPECT_THAT(help, Not(HasSubstr("Behind all.")));
 }
 
-TEST(CommandLineTest, the_same_name_twice_is_refused) {
+TEST(ToolCommandLineTest, the_same_name_twice_is_refused) {
     uint64_t count = 0;
     CommandLine command_line("", "tool");
     command_line.add_option("--count", count, "");
