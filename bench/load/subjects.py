@@ -10,6 +10,7 @@ import json
 import os
 import pathlib
 import resource
+import shutil
 import signal
 import struct
 import subprocess
@@ -227,6 +228,8 @@ class Bench:
 
     def start_nginx(self, port):
         """One worker that keeps a session for the sender's address, and no log: a plain forwarder."""
+        if shutil.which("nginx") is None:
+            raise LoadError("nginx with its stream module is not installed; make bench does so")
         configuration = self._folder / "nginx.conf"
         configuration.write_text(
             f"""\
