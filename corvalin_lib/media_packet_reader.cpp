@@ -40,6 +40,7 @@ PacketReader::PacketReader(PacketReaderListener& listener, PacketReaderStatistic
         rc_ptr<PacketBuffer> buffer(PacketBuffer::allocator.allocate());
         buffer->append(data, size);
         push(std::move(buffer));
+        PacketBuffer::allocator.prefetch_next(); // while its datagram is still on the way
     } catch (const PacketBuffer::BadAlloc&) {
         statistic().dropped_failed_allocation.add(1);
     }
