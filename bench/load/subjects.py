@@ -230,14 +230,14 @@ class Bench:
         """One worker that keeps a session for the sender's address, and no log: a plain forwarder."""
         if shutil.which("nginx") is None:
             raise LoadError("nginx with its stream module is not installed; make bench does so")
-        configuration = self._folder / "nginx.conf"
+        configuration = self._folder / f"nginx-{port}.conf"
         configuration.write_text(
             f"""\
 load_module /usr/lib/nginx/modules/ngx_stream_module.so;
 daemon off;
 master_process off;
 worker_processes 1;
-pid {self._folder}/nginx.pid;
+pid {self._folder}/nginx-{port}.pid;
 error_log /dev/null crit;
 events {{
     worker_connections 512;

@@ -3,7 +3,8 @@
 
 Processor time of a packet is the time of all threads of the process, from /proc/PID/task/*/schedstat, over the
 packets that arrived at the node. All processes live side by side, and each round sends to one after the other,
-beginning with another one each time.
+beginning with another one each time. Where its memory lies makes one process of a program some percent faster than the
+next one: of each program there are several, which take turns.
 
 It belongs into a network namespace of its own with private fixed paths, see bench/run.py.
 """
@@ -28,6 +29,7 @@ SMOOTH_RATE = 10_000
 LOSS_LIMIT = 0.001
 FOREIGN_LOAD_LIMIT = 0.15  # processors
 RETRIES = 3
+PROCESSES = 3
 START_RATE = 20_000  # a start packet costs the router some ten times as much as a data packet
 
 # A burst is there all at once, as a network card hands it over: the receiver is woken once for it, and not by each of its
@@ -60,13 +62,14 @@ def quiet_run(bench, subject, sessions, rate, seconds, options):
     return run
 
 
-def interleaved(bench, subjects, rounds, measure):
-    """`measure` for each of the subjects in each of the rounds: subject name -> runs."""
-    runs = {subject.name: [] for subject in subjects}
+def interleaved(programs, rounds, measure):
+    """`measure` for each of the programs, lists of processes of one name, in each of the rounds: name -> runs."""
+    runs = {processes[0].name: [] for processes in programs}
     for index in range(rounds):
         say(f"  round {index + 1} of {rounds}")
-        shift = index % len(subjects)
-        for subject in subjects[shift:] + subjects[:shift]:
+        shift = index % len(programs)
+        for processes in programs[shift:] + programs[:shift]:
+            subject = processes[index % len(processes)]
             runs[subject.name].append(measure(subject))
     return runs
 
@@ -83,13 +86,12 @@ def conditions_note(*runs_of_subjects):
     return f"loss at most {loss:.2%}{disturbed}"
 
 
-def measure_shapes(bench, router, relay, nginx, rounds, seconds):
+def measure_shapes(bench, routers, relays, nginxes, rounds, seconds):
     figures = []
     for shape, (rate, options) in SHAPES.items():
         say(f"{shape}, {rate} packets a second, {SESSIONS_FEW} sessions")
         runs = interleaved(
-            bench,
-            [router, relay, nginx],
+            [routers, relays, nginxes],
             rounds,
             lambda subject: quiet_run(bench, subject, SESSIONS_FEW, rate, seconds, options),
         )
@@ -159,8 +161,7 @@ def measure_many_sessions(bench, few, many, rounds, seconds):
     options = options + ["--order", "random"]
     say(f"bursts, {rate} packets a second, sessions in random order")
     runs = interleaved(
-        bench,
-        [few, many],
+        [[few], [many]],
         rounds,
         lambda subject: quiet_run(bench, subject, sessions[subject.name], rate, seconds, options),
     )
@@ -185,16 +186,20 @@ MODES = ["shapes", "rate", "sessions"]
 
 def measure(bench, modes, rounds, seconds):
     figures = []
-    router = bench.start_router("router", 5100)
-    bench.create_sessions(router, SESSIONS_FEW, START_RATE)
+    number = PROCESSES if "shapes" in modes else 1
+    routers = [bench.start_router("router", 5100 + place) for place in range(number)]
+    router = routers[0]
+    for process in routers:
+        bench.create_sessions(process, SESSIONS_FEW, START_RATE)
     if "shapes" in modes or "rate" in modes:
-        relay = bench.start_relay(5200)
+        relays = [bench.start_relay(5200 + place) for place in range(number)]
     if "shapes" in modes:
-        figures += measure_shapes(bench, router, relay, bench.start_nginx(5300), rounds, seconds)
+        nginxes = [bench.start_nginx(5300 + place) for place in range(number)]
+        figures += measure_shapes(bench, routers, relays, nginxes, rounds, seconds)
     if "rate" in modes:
-        figures += measure_highest_rate(bench, [router, relay], min(rounds, 3), min(seconds, 1))
+        figures += measure_highest_rate(bench, [router, relays[0]], min(rounds, 3), min(seconds, 1))
     if "sessions" in modes:
-        many = bench.start_router(f"router, {SESSIONS_MANY}", 5101)
+        many = bench.start_router(f"router, {SESSIONS_MANY}", 5400)
         figures += measure_many_sessions(bench, router, many, rounds, seconds)
     return figures
 
