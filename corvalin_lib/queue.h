@@ -61,13 +61,7 @@ public:
     /// Consumer. Waits without a limit for an element.
     T pop() {
         if (is_empty()) {
-            lock();
-            m_reader_sleeps.store(true, std::memory_order_relaxed);
-            while (is_empty()) {
-                pthread_cond_wait(&m_not_empty, &m_mutex);
-            }
-            m_reader_sleeps.store(false, std::memory_order_relaxed);
-            unlock();
+            sleep([this] { return pthread_cond_wait(&m_not_empty, &m_mutex); });
         }
         return take();
     }
@@ -111,15 +105,24 @@ private:
     // Consumer. True if the ring has an element and the last wait did not run out. An element that arrives at
     // the very moment of the timeout stays for the next round.
     bool wait_until(const timespec& deadline) {
+        return sleep([&] { return pthread_cond_timedwait(&m_not_empty, &m_mutex, &deadline); }) == 0;
+    }
+
+    // Consumer. Until there is an element or `wait` fails; returns the result of the last `wait`, 0 without one.
+    template <class Wait>
+    int sleep(Wait wait) {
         int result = 0;
         lock();
-        m_reader_sleeps.store(true, std::memory_order_relaxed);
-        while (result == 0 && is_empty()) {
-            result = pthread_cond_timedwait(&m_not_empty, &m_mutex, &deadline);
-        }
+        do {
+            m_reader_sleeps.store(true, std::memory_order_relaxed); // for each wait: see wake_reader
+            if (!is_empty()) {
+                break;
+            }
+            result = wait();
+        } while (result == 0 && is_empty());
         m_reader_sleeps.store(false, std::memory_order_relaxed);
         unlock();
-        return result == 0;
+        return result;
     }
 
     // Consumer. The slot is empty before its index is given back, so a buffer lives no longer than needed.
@@ -130,8 +133,12 @@ private:
         return element;
     }
 
+    // Producer. Takes the mark away, so that the consumer is woken once and not by each element that arrives until it runs:
+    // on a machine at rest a whole burst does. It may take that of a later sleep than it has seen; the consumer then wakes
+    // without an element, and marks itself anew.
     void wake_reader() {
         lock();
+        m_reader_sleeps.store(false, std::memory_order_relaxed);
         pthread_cond_broadcast(&m_not_empty);
         unlock();
     }
@@ -144,7 +151,7 @@ private:
     alignas(128) std::unique_ptr<T[]> m_ring;                         // set at construction
     alignas(128) std::atomic<uint64_t> m_write_index{0};              // written by the producer
     alignas(128) std::atomic<uint64_t> m_read_index{0};               // written by the consumer
-    alignas(128) std::atomic<bool> m_reader_sleeps{false};            // written by the consumer
+    alignas(128) std::atomic<bool> m_reader_sleeps{false};            // written under m_mutex
     alignas(128) pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER; // the wait only, never the fast path
     pthread_cond_t m_not_empty;
     pthread_condattr_t m_clock_attribute; // waits are measured on CLOCK_MONOTONIC

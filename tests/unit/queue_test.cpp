@@ -1,5 +1,7 @@
 #include "corvalin_lib/queue.h"
 
+#include <pthread.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -254,10 +256,20 @@ struct ReaderSleeps {
     using Member = std::atomic<bool> Ring::*;
     friend Member reveal(ReaderSleeps /*tag*/);
 };
+struct Mutex {
+    using Member = pthread_mutex_t Ring::*;
+    friend Member reveal(Mutex /*tag*/);
+};
+struct NotEmpty {
+    using Member = pthread_cond_t Ring::*;
+    friend Member reveal(NotEmpty /*tag*/);
+};
 template struct Reveal<Slots, &Ring::m_ring>;
 template struct Reveal<WriteIndex, &Ring::m_write_index>;
 template struct Reveal<ReadIndex, &Ring::m_read_index>;
 template struct Reveal<ReaderSleeps, &Ring::m_reader_sleeps>;
+template struct Reveal<Mutex, &Ring::m_mutex>;
+template struct Reveal<NotEmpty, &Ring::m_not_empty>;
 
 TEST(QueueTest, fields_of_different_writers_stand_128_bytes_apart_each_in_a_block_of_its_own) {
     Ring ring;
@@ -324,6 +336,47 @@ TEST(QueueTest, the_consumer_is_marked_asleep_in_its_wait_only) {
     EXPECT_FALSE(asleep);
     ring.pop(1);
     EXPECT_FALSE(asleep) << "a wait that ran out leaves the mark";
+}
+
+TEST(QueueTest, a_consumer_that_has_been_woken_but_does_not_run_yet_is_not_woken_again) {
+    Ring ring;
+    auto& asleep = ring.*reveal(ReaderSleeps());
+    asleep = true; // a consumer in its wait, as the producer sees it
+    ring.push(new Tracked(1));
+    EXPECT_FALSE(asleep) << "each element until it runs would wake it anew";
+}
+
+TEST(QueueTest, a_consumer_that_wakes_without_an_element_waits_on_and_is_woken_by_the_next_one) {
+    struct Case {
+        const char* description;
+        rc_ptr<Tracked> (*pop)(Ring& ring);
+    };
+    const std::array<Case, 2> cases = {{
+        {"with a limit", [](Ring& ring) { return ring.pop(LONG_WAIT_NS); }},
+        {"without a limit", [](Ring& ring) { return ring.pop(); }},
+    }};
+    for (const Case& row : cases) {
+        SCOPED_TRACE(row.description);
+        Ring ring;
+        auto& asleep = ring.*reveal(ReaderSleeps());
+        SleepingConsumer consumer([&] { return row.pop(ring) ? 1 : 0; });
+        ASSERT_TRUE(consumer.sleeps());
+
+        const auto wake = [&] {
+            pthread_mutex_lock(&(ring.*reveal(Mutex())));
+            asleep = false;
+            pthread_cond_broadcast(&(ring.*reveal(NotEmpty())));
+            pthread_mutex_unlock(&(ring.*reveal(Mutex())));
+        };
+        wake(); // a producer that saw the mark of the sleep before, and was held up until this one
+        EXPECT_TRUE(wait_until([&] { return asleep.load(); })) << "no element would wake it";
+        EXPECT_TRUE(consumer.sleeps());
+        const auto begin = std::chrono::steady_clock::now();
+        ring.push(new Tracked(1));
+        EXPECT_EQ(consumer.result(), 1);
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::nanoseconds(LONG_WAIT_NS));
+        wake(); // a consumer that has failed the test must end all the same
+    }
 }
 
 // ---- Two threads
