@@ -77,6 +77,8 @@ public:
         m_write_index.store(m_write_index.load(std::memory_order_relaxed) + 1, std::memory_order_release);
         if (m_sender_sleeps.load(std::memory_order_relaxed)) {
             pthread_mutex_lock(&m_mutex);
+            // Woken once, and not by each slot that is filled until it runs.
+            m_sender_sleeps.store(false, std::memory_order_relaxed);
             pthread_cond_broadcast(&m_not_empty);
             pthread_mutex_unlock(&m_mutex);
         }
@@ -106,10 +108,13 @@ private:
         deadline.tv_sec += 1;
         int result = 0;
         pthread_mutex_lock(&m_mutex);
-        m_sender_sleeps.store(true, std::memory_order_relaxed);
-        while (result == 0 && is_empty()) {
+        do {
+            m_sender_sleeps.store(true, std::memory_order_relaxed);
+            if (!is_empty()) {
+                break;
+            }
             result = pthread_cond_timedwait(&m_not_empty, &m_mutex, &deadline);
-        }
+        } while (result == 0 && is_empty());
         m_sender_sleeps.store(false, std::memory_order_relaxed);
         pthread_mutex_unlock(&m_mutex);
         return result == 0;
