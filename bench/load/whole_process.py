@@ -2,9 +2,12 @@
 """Measures whole processes: the router, the bare relay and nginx forward the same datagrams.
 
 Processor time of a packet is the time of all threads of the process, from /proc/PID/task/*/schedstat, over the
-packets that arrived at the node. All processes live side by side, and each round sends to one after the other,
-beginning with another one each time. Where its memory lies makes one process of a program some percent faster than the
-next one: of each program there are several, which take turns.
+packets that arrived at the node. All processes live side by side, and each round sends to one after the other. Where its
+memory lies makes one process of a program some percent faster than the next one: of each program there are several, which
+take turns, and once all had theirs, another program begins.
+
+Memory that has lain idle is slow at its first touch, above all in a virtual machine, and the router goes once through its
+whole pool before it is at the same buffer again. Ahead of each measurement the process forwards as many packets as that.
 
 It belongs into a network namespace of its own with private fixed paths, see bench/run.py.
 """
@@ -30,6 +33,7 @@ LOSS_LIMIT = 0.001
 FOREIGN_LOAD_LIMIT = 0.15  # processors
 RETRIES = 3
 PROCESSES = 3
+WARM_UP_S = 3.2  # at BURST_RATE: all 150 000 buffers of the router's pool, and all slots of the relay's ring
 START_RATE = 20_000  # a start packet costs the router some ten times as much as a data packet
 
 # A burst is there all at once, as a network card hands it over: the receiver is woken once for it, and not by each of its
@@ -45,12 +49,13 @@ def say(text):
     print(text, file=sys.stderr, flush=True)
 
 
-def quiet_run(bench, subject, sessions, rate, seconds, options):
-    """A run that lost next to nothing on a machine at rest. One that was disturbed is repeated, but not for ever:
-    the best of the disturbed ones is better than none."""
+def quiet_run(bench, subject, sessions, rate, seconds, options, order=()):
+    """A run that lost next to nothing on a machine at rest, with warm memory. One that was disturbed is repeated, but not for
+    ever: the best of the disturbed ones is better than none."""
+    bench.send_data(subject, sessions, BURST_RATE, WARM_UP_S, *BURSTS, *order)
     runs = []
     for _ in range(RETRIES + 1):
-        runs.append(bench.send_data(subject, sessions, rate, seconds, *options))
+        runs.append(bench.send_data(subject, sessions, rate, seconds, *options, *order))
         # Below 0: what the run before had left on its way.
         if abs(runs[-1].loss) <= LOSS_LIMIT and runs[-1].foreign_load <= FOREIGN_LOAD_LIMIT:
             break
@@ -67,9 +72,10 @@ def interleaved(programs, rounds, measure):
     runs = {processes[0].name: [] for processes in programs}
     for index in range(rounds):
         say(f"  round {index + 1} of {rounds}")
-        shift = index % len(programs)
-        for processes in programs[shift:] + programs[:shift]:
-            subject = processes[index % len(processes)]
+        turn, place = divmod(index, len(programs[0]))
+        first = turn % len(programs)
+        for processes in programs[first:] + programs[:first]:
+            subject = processes[place]
             runs[subject.name].append(measure(subject))
     return runs
 
@@ -158,12 +164,13 @@ def measure_many_sessions(bench, few, many, rounds, seconds):
     resident = (many.resident_bytes() - resident_before) / SESSIONS_MANY
     sessions = {few.name: SESSIONS_FEW, many.name: SESSIONS_MANY}
     rate, options = SHAPES["bursts"]
-    options = options + ["--order", "random"]
     say(f"bursts, {rate} packets a second, sessions in random order")
     runs = interleaved(
         [[few], [many]],
         rounds,
-        lambda subject: quiet_run(bench, subject, sessions[subject.name], rate, seconds, options),
+        lambda subject: quiet_run(
+            bench, subject, sessions[subject.name], rate, seconds, options, order=["--order", "random"]
+        ),
     )
     cpu = {name: cpu_of(runs_of_one) for name, runs_of_one in runs.items()}
     title = "CPU per packet, random order: "
