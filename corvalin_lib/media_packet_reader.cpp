@@ -110,7 +110,18 @@ int PacketReader::stop() {
 [[gnu::hot]] void PacketReader::look_ahead() {
     constexpr uint64_t LEAD = PacketLookahead::PACKETS_AHEAD + 1;
     const uint64_t waiting = m_queue.size();
-    if (m_lookahead == nullptr || waiting == 0) {
+    if (m_fetched == LEAD && m_told == LEAD - 1 && waiting >= LEAD) [[likely]] {
+        // Within a burst both move on by one, as does the ring.
+        tell_of(LEAD - 2);
+        fetch_header_of(LEAD - 1);
+    } else {
+        catch_up_ahead(std::min(waiting, LEAD));
+    }
+}
+
+// `fetchable`: how many of those that wait are not too far away.
+[[gnu::hot]] void PacketReader::catch_up_ahead(uint64_t fetchable) {
+    if (m_lookahead == nullptr || fetchable == 0) {
         m_fetched = 0;
         m_told = 0;
         return;
@@ -119,23 +130,28 @@ int PacketReader::stop() {
     m_fetched -= m_fetched != 0 ? 1 : 0;
     m_told -= m_told != 0 ? 1 : 0;
     const uint64_t tellable = m_fetched;
-    const uint64_t fetchable = std::min(waiting, LEAD);
     for (int step = 0; step < 2; ++step) {
         if (m_told < tellable) {
-            PacketBuffer& packet = *m_queue.peek(m_told);
-            prefetch(packet.data, packet.size);
-            m_lookahead->on_packet_ahead(&view_packet<const PacketHeader>(packet.data));
-            ++m_told;
+            tell_of(m_told++);
         } else if (step == 0) {
             m_lookahead->on_packet_ahead(nullptr);
         }
         if (m_fetched < fetchable) {
-            const PacketBuffer& packet = *m_queue.peek(m_fetched);
-            prefetch(&packet, sizeof(ReferenceCountable) + sizeof(PacketHeader));
-            prefetch(&packet.size, sizeof(packet.size));
-            ++m_fetched;
+            fetch_header_of(m_fetched++);
         }
     }
+}
+
+inline void PacketReader::fetch_header_of(uint64_t place) {
+    const PacketBuffer& packet = *m_queue.peek(place);
+    prefetch(&packet, sizeof(ReferenceCountable) + sizeof(PacketHeader));
+    prefetch(&packet.size, sizeof(packet.size));
+}
+
+inline void PacketReader::tell_of(uint64_t place) {
+    PacketBuffer& packet = *m_queue.peek(place);
+    prefetch(packet.data, packet.size);
+    m_lookahead->on_packet_ahead(&view_packet<const PacketHeader>(packet.data));
 }
 
 // A datagram that ended before the fields of its type has zeros there, from the pool, and fails the

@@ -86,6 +86,9 @@ public:
 
 private:
     void look_ahead();
+    void catch_up_ahead(uint64_t fetchable);
+    void fetch_header_of(uint64_t place);
+    void tell_of(uint64_t place);
     void notify(StartPacket& packet);
     void notify(TerminatePacket& packet);
     void notify(DataPacket& packet);
