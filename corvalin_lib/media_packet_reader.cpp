@@ -119,7 +119,7 @@ int PacketReader::stop() {
     }
 }
 
-// `fetchable`: how many of those that wait are not too far away.
+// After a wait, and as long as fewer packets wait than the lead is. `fetchable`: how many of them are not too far away.
 [[gnu::hot]] void PacketReader::catch_up_ahead(uint64_t fetchable) {
     if (m_lookahead == nullptr || fetchable == 0) {
         m_fetched = 0;
@@ -142,6 +142,7 @@ int PacketReader::stop() {
     }
 }
 
+// `place`, here and below: as for Queue::peek, behind the packet in hand.
 inline void PacketReader::fetch_header_of(uint64_t place) {
     const PacketBuffer& packet = *m_queue.peek(place);
     prefetch(&packet, sizeof(ReferenceCountable) + sizeof(PacketHeader));
