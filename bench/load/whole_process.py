@@ -33,7 +33,7 @@ LOSS_LIMIT = 0.001
 FOREIGN_LOAD_LIMIT = 0.15  # processors
 RETRIES = 3
 PROCESSES = 3
-WARM_UP_S = 3.2  # at BURST_RATE: all 150 000 buffers of the router's pool, and all slots of the relay's ring
+WARM_UP_PACKETS = 160_000  # more than the router's pool has buffers, 150 000, and the relay's ring slots, 100 000
 START_RATE = 20_000  # a start packet costs the router some ten times as much as a data packet
 
 # A burst is there all at once, as a network card hands it over: the receiver is woken once for it, and not by each of its
@@ -52,7 +52,7 @@ def say(text):
 def quiet_run(bench, subject, sessions, rate, seconds, options, order=()):
     """A run that lost next to nothing on a machine at rest, with warm memory. One that was disturbed is repeated, but not for
     ever: the best of the disturbed ones is better than none."""
-    bench.send_data(subject, sessions, BURST_RATE, WARM_UP_S, *BURSTS, *order)
+    bench.send_data(subject, sessions, BURST_RATE, WARM_UP_PACKETS / BURST_RATE, *BURSTS, *order)
     runs = []
     for _ in range(RETRIES + 1):
         runs.append(bench.send_data(subject, sessions, rate, seconds, *options, *order))
