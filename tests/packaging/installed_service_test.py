@@ -352,21 +352,21 @@ class InstalledServiceTest(unittest.TestCase):
         # journald takes 10000 lines in 30 seconds from a service that says nothing, or a multiple with much free space.
         wanted_lines = 60_000
         packets = 2000
+        # The journal of a machine gives up its oldest file at a size of its own choice: here it keeps them all.
+        self.machine.write("/etc/systemd/journald.conf.d/60-keep.conf", "[Journal]\nRuntimeMaxUse=1G\nSystemMaxUse=1G\n")
+        self.machine.run("systemctl", "restart", "systemd-journald.service")
         self.configure("log_level=TRACE")
         self.start()
         pid = self.shown("MainPID")
 
-        def traced(source):
-            # Where a session's first packet was lost, the next one has a second line.
-            lines = re.findall(r"\| (?:START|TERM |DATA ) \| (?!.*\| unknown session).*\n", self.shell(source))
-            self.assertEqual(len(set(lines)), len(lines), f"doubled: {source}")
-            return set(lines)
-
-        # A line that the limit held back is in neither. The journal may give up its oldest file meanwhile, and rsyslog's
-        # queue overflow: either is the machine's business.
+        # A line that the limit held back is not in the journal. What rsyslog's files have of it is no measure: journald
+        # waits for nobody when it forwards, and what a busy machine's rsyslog has no room for it drops.
         def kept():
-            return traced(f"journalctl --quiet --output cat _PID={pid} SYSLOG_FACILITY=17 SYSLOG_FACILITY=23") | \
-                traced(f"cat {LOGS}/trace.log {LOGS}/media_trace.log || true")
+            # Where a session's first packet was lost, the next one has a second line.
+            lines = re.findall(r"\| (?:START|TERM |DATA ) \| (?!.*\| unknown session).*\n", self.shell(
+                f"journalctl --quiet --output cat _PID={pid} SYSLOG_FACILITY=17 SYSLOG_FACILITY=23"))
+            self.assertEqual(len(set(lines)), len(lines), "doubled")
+            return lines
 
         # Each datagram that the kernel has room for, flat out or on a busy machine not all of them, is a line.
         sent = arrived = 0
