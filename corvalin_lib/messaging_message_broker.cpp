@@ -3,6 +3,7 @@
 #include "corvalin_lib/log.h"
 #include "corvalin_lib/thread.h"
 
+#include <sys/prctl.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -30,6 +31,7 @@ constexpr int TOPIC_CHECKS = 5;
 constexpr long TOPIC_CHECK_PAUSE_NS = 100'000'000;
 constexpr int QUERY_TIMEOUT_MS = 1000;
 constexpr unsigned long INFLATION_LIMIT = 10;
+constexpr unsigned long LIBRARY_TIMER_SLACK_NS = 1'000'000;
 
 using ConfPtr = std::unique_ptr<RdKafka::Conf>;
 
@@ -62,6 +64,23 @@ std::string bracketed(const Range& range, Format format) {
     return text.str();
 }
 
+// Threads that are made while this object lives, and those that they make, may be woken from a wait up to a millisecond late
+// (PR_SET_TIMERSLACK in prctl(2)). The library's main threads, one for each client, wait in whole milliseconds until the next
+// of their timers is due and spin through the rest, for nearly a millisecond in each second (librdkafka issue 4684, up to
+// version 2.3). Woken late, they have nothing left to spin through.
+class LateWakeUps {
+public:
+    LateWakeUps() noexcept : m_slack_before(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0)) {
+        prctl(PR_SET_TIMERSLACK, LIBRARY_TIMER_SLACK_NS, 0, 0, 0);
+    }
+    LateWakeUps(const LateWakeUps&) = delete;
+    LateWakeUps& operator=(const LateWakeUps&) = delete;
+    ~LateWakeUps() { prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(m_slack_before), 0, 0, 0); }
+
+private:
+    const int m_slack_before;
+};
+
 void pause_before_check() {
     timespec left{0, TOPIC_CHECK_PAUSE_NS};
     while (nanosleep(&left, &left) != 0 && errno == EINTR) {
@@ -72,6 +91,7 @@ void pause_before_check() {
 } // namespace
 
 MessageBroker::MessageBroker(MessageBrokerSettings settings) : m_settings(std::move(settings)) {
+    const LateWakeUps threads_of_the_library;
     start_consumer();
     start_producer();
 }

@@ -6,6 +6,9 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -115,6 +118,30 @@ TEST(MessagingLibraryTest, events_are_read_from_the_first_assignment_on_and_come
                                                      "EVENT_DISPATCHER: unknown JSON event [last]"));
     EXPECT_THAT(log.lines(Level::WARNING), IsEmpty());
     EXPECT_NE(texts.back().find("] stopped"), std::string::npos);
+}
+
+/// Nanoseconds by which the kernel may be late for a thread that waits, by thread.
+std::map<std::string, std::string> timer_slacks() {
+    std::map<std::string, std::string> slacks;
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        const std::string id = thread.path().filename();
+        std::getline(std::ifstream("/proc/" + id + "/timerslack_ns"), slacks[id]);
+    }
+    return slacks;
+}
+
+TEST(MessagingLibraryTest, threads_of_the_library_may_wake_a_millisecond_late_and_no_others) {
+    const CapturedLog log(Level::INFO);
+    MessageBrokerSettings settings;
+    settings.brokers = "127.0.0.1:1"; // nobody there
+    const std::map<std::string, std::string> before = timer_slacks();
+    const TestBroker broker(settings);
+    const std::map<std::string, std::string> with_client = timer_slacks();
+    EXPECT_GT(with_client.size(), before.size());
+    for (const auto& [id, slack] : with_client) {
+        const auto known = before.find(id);
+        EXPECT_EQ(slack, known == before.end() ? "1000000" : known->second) << id;
+    }
 }
 
 TEST(MessagingLibraryTest, a_message_for_a_broker_that_is_away_is_waited_for_and_lost_at_the_stop) {
