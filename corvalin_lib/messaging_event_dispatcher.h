@@ -8,8 +8,8 @@
 //            is no string end the process by RapidJSON's assertion, and a frame that inflates to nothing by
 //            an exception: nothing stands before them, on purpose.
 //
-// The consumer thread may deliver before the constructor has stored the broker: a handler that dispatches in that moment
-// meets a null pointer. And the handlers go before the broker does. Both gaps are accepted.
+// The consumer thread may deliver before the constructor has stored the broker: a handler that dispatches waits until it has
+// ended. And the handlers go before the broker does: that gap is accepted.
 #pragma once
 
 #include "corvalin_lib/messaging_message_broker.h"

@@ -137,7 +137,10 @@ void Service::start_messaging() {
     settings.topics = {m_kafka_config->m_kafka_topic_broadcast, m_kafka_topic};
     const auto bound =
         [this](void (Service::*handler)(const std::string&, void*)) -> messaging::EventHandler {
-        return [this, handler](const std::string& type, void* context) { (this->*handler)(type, context); };
+        return [this, handler](const std::string& type, void* context) {
+            m_can_send.wait(false, std::memory_order_acquire);
+            (this->*handler)(type, context);
+        };
     };
     messaging::EventHandlers handlers{
         {"config_manager_started", bound(&Service::event_on_config_manager_started)},
@@ -147,17 +150,25 @@ void Service::start_messaging() {
     };
     m_dispatcher.reset(
         std::make_unique<messaging::EventDispatcher>(std::move(settings), std::move(handlers)));
+    m_can_send.store(true, std::memory_order_release); // what has been built
+    m_can_send.notify_all();
 }
 
 void Service::event_request_config_versions() {
-    m_dispatcher->dispatch(m_kafka_config->m_kafka_topic_request,
-                           R"({"type":"get_versions", "config_topic":")" + m_kafka_topic + R"("})");
+    request(R"({"type":"get_versions", "config_topic":")" + m_kafka_topic + R"("})");
 }
 
 void Service::event_request_config(const std::string& name) {
-    m_dispatcher->dispatch(m_kafka_config->m_kafka_topic_request,
-                           R"({"type":"configuration_request", "configuration":")" + name +
-                               R"(", "config_topic":")" + m_kafka_topic + R"("})");
+    request(R"({"type":"configuration_request", "configuration":")" + name + R"(", "config_topic":")" +
+            m_kafka_topic + R"("})");
+}
+
+void Service::request(const std::string& text) {
+    messaging::EventDispatcher* const dispatcher = m_dispatcher.get();
+    if (dispatcher == nullptr) {
+        return; // for an event of the last moment: the router stops
+    }
+    dispatcher->dispatch(m_kafka_config->m_kafka_topic_request, text);
 }
 
 void Service::event_on_config_manager_started(const std::string& type, void* /*context*/) {

@@ -21,6 +21,7 @@
 #include "router/routing_manager.h"
 
 #include <array>
+#include <atomic>
 #include <list>
 #include <memory>
 #include <string>
@@ -54,15 +55,18 @@ protected:
     // Requests to the configuration manager. It replies on the topic of this instance.
     void event_request_config_versions();
     void event_request_config(const std::string& name);
+    void request(const std::string& text);
 
     /// Appends the nodes of a JSON array. A bad element is logged and left out.
     static void read_hosts(const rapidjson::Value& array, std::list<net::HostAddr>& hosts);
 
+    // True from the first dispatcher on. Events are handled from then on, on the consumer thread: that reads from its first
+    // assignment on, which comes ahead of its producer and of m_dispatcher, and a handler may want to send.
+    std::atomic<bool> m_can_send{false};
     // Destroyed from the last to the first: the dispatcher and its threads, the sessions, the socket that they send by.
     std::unique_ptr<net::Socket> m_socket; // forwarding only; bound to a port of the kernel's choice
     std::unique_ptr<RoutingManager> m_routing_manager; // borrows m_socket
-    // Set and reset by the main thread, while the consumer thread already, or still, runs: a handler that sends before
-    // it is set meets a null pointer, and that gap is accepted.
+    // Set and reset by the main thread, while the consumer thread already, or still, runs.
     Owner<messaging::EventDispatcher> m_dispatcher;
 
 private:

@@ -664,6 +664,9 @@ struct KafkaFactories {
     }
     static RdKafka::Producer* producer(KafkaDouble& kafka, const RdKafka::Conf* conf, std::string& reason) {
         kafka.note("create producer " + static_cast<const ConfDouble*>(conf)->kind());
+        if (kafka.on_create_producer) {
+            kafka.on_create_producer();
+        }
         if (kafka.producer_refusal) {
             reason = *kafka.producer_refusal;
             return nullptr;

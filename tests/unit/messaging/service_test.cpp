@@ -4,9 +4,11 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <list>
 #include <memory>
@@ -21,6 +23,7 @@
 #include "tests/support/local_address.h"
 #include "tests/support/packet_builder.h"
 #include "tests/support/refused_system_call.h"
+#include "tests/support/waiting.h"
 #include "tests/unit/messaging/service_fixture.h"
 
 namespace {
@@ -183,6 +186,24 @@ TEST_F(ServiceTest, a_manager_that_starts_is_asked_for_the_versions) {
                             "{\"type\":\"get_versions\", \"config_topic\":\"own\"}"));
     EXPECT_EQ(m_log.lines().back().file, "messaging_event_dispatcher");
     EXPECT_EQ(m_log.lines()[1].file, "service");
+}
+
+TEST_F(ServiceTest, a_manager_that_starts_while_the_service_does_is_asked_when_there_is_a_producer) {
+    assign_first();
+    std::atomic<pid_t> consumer{0};
+    m_kafka.in_consume([&consumer](RdKafka::KafkaConsumer&, RdKafka::RebalanceCb&) { consumer = gettid(); });
+    m_kafka.deliver("wide", deflated(std::string(1, '\0') + R"({"type":"config_manager_started"})"));
+    const auto lines = [this] { return lines_of("SERVICE").size() + requests().size(); };
+    m_kafka.on_create_producer = [&] {
+        EXPECT_TRUE(
+            m_log.wait_for(R"(EVENT_DISPATCHER: JSON event received: {"type":"config_manager_started"})"));
+        EXPECT_TRUE(wait_until_asleep(consumer));
+        EXPECT_EQ(lines(), 0u);
+    };
+    m_service.start_messaging();
+    ASSERT_TRUE(m_kafka.wait_until_idle());
+    EXPECT_EQ(lines(), 3u);
+    EXPECT_THAT(requests(), ElementsAre(R"(request {"type":"get_versions", "config_topic":"own"})"));
 }
 
 TEST_F(ServiceTest, a_version_that_differs_either_way_is_asked_for_and_the_table_stays) {
@@ -467,6 +488,7 @@ TEST_F(ServiceTest, a_start_asks_for_both_lists_and_a_stop_ends_what_was_started
     m_kafka.in_close([&](RdKafka::KafkaConsumer&, RdKafka::RebalanceCb&) {
         m_log.clear(); // what follows is the stop
         EXPECT_FALSE(m_service.m_dispatcher);
+        m_service.event_request_config("late"); // as a handler might that is still at work
     });
     EXPECT_TRUE(m_service.on_start());
     EXPECT_EQ(static_cast<Level>(log::Logger::m_instance.m_level), Level::DEBUG);
