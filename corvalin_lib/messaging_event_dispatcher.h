@@ -8,8 +8,9 @@
 //            is no string end the process by RapidJSON's assertion, and a frame that inflates to nothing by
 //            an exception: nothing stands before them, on purpose.
 //
-// The consumer thread may deliver before the constructor has stored the broker: a handler that dispatches waits until it has
-// ended. And the handlers go before the broker does: that gap is accepted.
+// The consumer thread may deliver before the constructor has stored the broker: a handler that dispatches meets a null pointer
+// then, unless it waits until the constructor has ended, as those of the router do. And the handlers go before the broker
+// does: that gap is accepted.
 #pragma once
 
 #include "corvalin_lib/messaging_message_broker.h"

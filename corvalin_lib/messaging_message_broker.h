@@ -4,6 +4,8 @@
 // Threads    constructor and destructor: the owner's thread. send: any thread. Everything about the consumer,
 //            and the callbacks of the settings: the consumer thread. dr_cb: whichever thread is inside send
 //            or the destructor. event_cb: the consumer thread, for log events also threads of the library.
+//            All threads that the constructor brings about may be woken from a wait a millisecond late; that
+//            of its caller is as before when it returns.
 // Ownership  the settings are moved in and kept for life. The consumer lives and dies on its own thread.
 // Errors     nothing is told to the caller: a failure is a log line, and the service goes on without what
 //            failed. Two are not survived: a `send` without a producer, and a consumer that could not be

@@ -55,13 +55,14 @@ protected:
     // Requests to the configuration manager. It replies on the topic of this instance.
     void event_request_config_versions();
     void event_request_config(const std::string& name);
+    /// Sends to the manager, and blocks meanwhile. Any thread. Once a stop has taken the dispatcher away it sends nothing.
     void request(const std::string& text);
 
     /// Appends the nodes of a JSON array. A bad element is logged and left out.
     static void read_hosts(const rapidjson::Value& array, std::list<net::HostAddr>& hosts);
 
-    // True from the first dispatcher on. Events are handled from then on, on the consumer thread: that reads from its first
-    // assignment on, which comes ahead of its producer and of m_dispatcher, and a handler may want to send.
+    // True from the first dispatcher on, and stays so. Set by the main thread; the consumer thread waits for it ahead of each
+    // handler: it reads from its first assignment on, which comes ahead of the producer and of m_dispatcher.
     std::atomic<bool> m_can_send{false};
     // Destroyed from the last to the first: the dispatcher and its threads, the sessions, the socket that they send by.
     std::unique_ptr<net::Socket> m_socket; // forwarding only; bound to a port of the kernel's choice

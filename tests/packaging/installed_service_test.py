@@ -353,7 +353,9 @@ class InstalledServiceTest(unittest.TestCase):
         wanted_lines = 60_000
         packets = 2000
         # The journal of a machine gives up its oldest file at a size of its own choice: here it keeps them all.
-        self.machine.write("/etc/systemd/journald.conf.d/60-keep.conf", "[Journal]\nRuntimeMaxUse=1G\nSystemMaxUse=1G\n")
+        limits = "/etc/systemd/journald.conf.d/60-keep.conf"
+        self.machine.write(limits, "[Journal]\nRuntimeMaxUse=1G\nSystemMaxUse=1G\n")
+        self.addCleanup(self.machine.run, "rm", limits)
         self.machine.run("systemctl", "restart", "systemd-journald.service")
         self.configure("log_level=TRACE")
         self.start()

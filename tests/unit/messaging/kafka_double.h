@@ -105,7 +105,7 @@ public:
     int granted_configurations = 1000;                     // null behind them
     std::map<std::string, std::string> refused_properties; // by name, with the reason
     std::optional<std::string> producer_refusal;           // the reason
-    std::function<void()> on_create_producer;              // ahead of it
+    std::function<void()> on_create_producer;              // inside each creation
     std::optional<std::string> consumer_refusal;
     std::deque<RdKafka::ErrorCode> produce_answers;
     std::deque<RdKafka::ErrorCode> flush_answers;
